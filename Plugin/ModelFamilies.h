@@ -1,0 +1,4 @@
+#pragma once
+// The model families this build contains; the others are registered as UnavailableModel.
+#include "Plugin/Models/DA2/Context.h"
+#include "Plugin/UnavailableModel.h"
