@@ -20,13 +20,17 @@ namespace TiledExecution {
 
 // One axis of a tile. All ranges are half-open.
 struct Tile1D {
-    i32 srcStart = 0;      // source pixels to read
+    // Source pixels to read.
+    i32 srcStart = 0;
     i32 srcEnd = 0;
-    i32 srcTileStart = 0;  // where they go in the network's input tile
+    // Where they go in the network's input tile.
+    i32 srcTileStart = 0;
     i32 srcTileEnd = 0;
-    i32 dstStart = 0;      // result pixels this tile produces
+    // Result pixels this tile produces.
+    i32 dstStart = 0;
     i32 dstEnd = 0;
-    i32 dstTileStart = 0;  // where they are found in the network's output tile
+    // Where they are found in the network's output tile.
+    i32 dstTileStart = 0;
     i32 dstTileEnd = 0;
 
     bool operator==(const Tile1D& o) const {
@@ -57,13 +61,13 @@ Tile1D tileAxisY(const Tile& tile);
 Tile makeTile(const Tile1D& x, const Tile1D& y);
 
 struct ExecutionPlan {
-    Rect rect;             // the planned rectangle, in result coordinates
-    i32 execW = 0;
-    i32 execH = 0;
-    i32 overlap = 0;       // pixels discarded on each inner side of a tile
+    Rect rect;                // the planned rectangle, in result coordinates
+    i32 execW = 0;            // execution width
+    i32 execH = 0;            // execution height
+    i32 overlap = 0;          // pixels discarded on each inner side of a tile
     std::vector<Tile> tiles;  // x tiles outer, y tiles inner
-    i32 numTiles = 0;
-    i32 execPixels = 0;    // execW * execH * numTiles
+    i32 numTiles = 0;         // tiles.size()
+    i32 execPixels = 0;       // execW * execH * numTiles
 };
 
 // Tiles of one axis for the range [start, end). A range no longer than execSize gives one short

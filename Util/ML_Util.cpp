@@ -174,13 +174,16 @@ void copySlice(const Ptr<Image>& input, const Ptr<Image>& output, const Rect& in
 Ptr<Image> makeNewImageView(const Ptr<Image>& image, const Rect& rect) {
     const Rect own = image->getRect();
     if (rect == own) return image;
-    if (!covers(own, rect)) throw std::runtime_error("new rectangle for image view must be smaller than original rectangle!");
-    if (image->getMemoryLayout() == Image::CHW) throw std::runtime_error("TODO: implement makeNewImageView for CHW image!");
+    if (!covers(own, rect))
+        throw std::runtime_error("new rectangle for image view must be smaller than original rectangle!");
+    if (image->getMemoryLayout() == Image::CHW)
+        throw std::runtime_error("TODO: implement makeNewImageView for CHW image!");
 
     const u32 rowBytes = image->getRowBytes();
-    auto* data = static_cast<u8*>(image->getData()) + byteOffset(own, rect.x0, rect.y0, rowBytes, bytesPerPixel(*image));
-    return Ptr<Image>(new ImageImp(rect, image->getChannelFormat(), image->getMemoryLayout(), image->getDataType(), data,
-                                   rowBytes, 0));
+    auto* data =
+        static_cast<u8*>(image->getData()) + byteOffset(own, rect.x0, rect.y0, rowBytes, bytesPerPixel(*image));
+    return Ptr<Image>(new ImageImp(rect, image->getChannelFormat(), image->getMemoryLayout(), image->getDataType(),
+                                   data, rowBytes, 0));
 }
 
 }  // namespace ML

@@ -1,0 +1,37 @@
+#include "Host/Media/FFmpegUtil.h"
+
+#include <mutex>
+
+extern "C" {
+#include <libavutil/error.h>
+#include <libavutil/log.h>
+}
+
+#include "ML/Exception.h"
+
+namespace QMedia::ff {
+
+std::string errorText(int code) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    if (av_strerror(code, text, sizeof(text)) < 0) return "error " + std::to_string(code);
+    return text;
+}
+
+void quietLogging() {
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_level(AV_LOG_ERROR); });
+}
+
+FramePtr allocFrame() {
+    FramePtr f(av_frame_alloc());
+    if (!f) ML_THROW("Out of memory for a video frame");
+    return f;
+}
+
+PacketPtr allocPacket() {
+    PacketPtr p(av_packet_alloc());
+    if (!p) ML_THROW("Out of memory for a video packet");
+    return p;
+}
+
+}  // namespace QMedia::ff

@@ -1,0 +1,101 @@
+// The command line of quillon-pkg: help, errors and exit statuses, files written.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "ToolTestUtil.h"
+
+using namespace tooltest;
+
+namespace {
+
+std::string quoted(const fs::path& p) { return "\"" + p.string() + "\""; }
+
+size_t lineCount(const std::string& s) { return static_cast<size_t>(std::count(s.begin(), s.end(), '\n')); }
+
+// A failed run: the given status, one error line, nothing on stdout.
+void expectError(const CliResult& r, int code, const std::string& mention) {
+    EXPECT_EQ(r.code, code);
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(lineCount(r.err), 1u) << r.err;
+    EXPECT_EQ(r.err.rfind("quillon-pkg: error: ", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find(mention), std::string::npos) << r.err;
+}
+
+}  // namespace
+
+TEST(Cli, HelpListsTheCommands) {
+    const CliResult r = runPkg("--help");
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(runPkg("sampler --help").out, r.out);
+    for (const char* cmd : {"default", "imgcvt", "config", "normalizer", "sampler", "standins"})
+        EXPECT_NE(r.out.find(std::string("  ") + cmd + " <dir>"), std::string::npos) << cmd;
+}
+
+TEST(Cli, BadArgumentsAreUsageErrors) {
+    TempDir dir;
+    const std::string d = quoted(dir.path());
+    expectError(runPkg(""), 2, "no command");
+    expectError(runPkg("package " + d), 2, "unknown command 'package'");
+    expectError(runPkg("config"), 2, "needs a folder");
+    expectError(runPkg("config " + d + " --encrpyt"), 2, "--encrpyt");
+    expectError(runPkg("config " + d + " extra"), 2, "extra");
+    expectError(runPkg("imgcvt " + d + " --pair HWC-U9-RGB_TO_CHW-F16-RGB"), 2, "HWC-U9-RGB");
+    expectError(runPkg("imgcvt " + d + " --pair HWC-U8-RGB_CHW-F16-RGB"), 2, "_TO_");
+    expectError(runPkg("imgcvt " + d + " --pair HWC-U8-RGB_TO_HWC-U8-RGB"), 2, "itself");
+    expectError(runPkg("normalizer " + d + " --type F64 --size 1x8x8"), 2, "F64");
+    expectError(runPkg("normalizer " + d + " --type U8 --size 1x8x8"), 2, "U8");
+    expectError(runPkg("normalizer " + d + " --size 1x8x8"), 2, "--type");
+    expectError(runPkg("normalizer " + d + " --type F16"), 2, "--size");
+    expectError(runPkg("normalizer " + d + " --type F16 --size"), 2, "needs a value");
+    for (const char* size : {"0x8x8", "1x-8x8", "1x8", "1x8x8x8", "axbxc", "1x8x", "99999999999x1x1", "1x65537x8"})
+        expectError(runPkg(std::string("sampler ") + d + " --type F32 --size " + size), 2, size);
+    // Nothing was written by any of these.
+    EXPECT_TRUE(listFiles(dir.path()).empty());
+}
+
+TEST(Cli, UnwritableFolderFailsCleanly) {
+    TempDir dir;
+    const fs::path blocker = dir.path() / "file";
+    std::ofstream(blocker) << "not a folder";
+    expectError(runPkg("config " + quoted(blocker / "sub")), 1, "cannot create folder");
+    expectError(runPkg("default " + quoted(blocker)), 1, blocker.string());
+    EXPECT_EQ(listFiles(dir.path()), std::vector<std::string>{"file"});
+}
+
+TEST(Cli, WritesOnlyWhatWasAskedAndNoTemporaries) {
+    TempDir dir;
+    CliResult r = runPkg("imgcvt " + quoted(dir.path()) + " --pair HWC-U8-RGBA_TO_CHW-F16-RGB --pair CHW-F32-R_TO_HWC-U8-BGR");
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(listFiles(dir.path()),
+              (std::vector<std::string>{"imgcvt/CHW-F32-R_TO_HWC-U8-BGR.onnx", "imgcvt/HWC-U8-RGBA_TO_CHW-F16-RGB.onnx"}));
+
+    TempDir other;
+    r = runPkg("normalizer " + quoted(other.path()) + " --type F16 --type F32 --size 1x64x32 --size 2x8x8");
+    EXPECT_EQ(r.code, 0) << r.err;
+    r = runPkg("standins " + quoted(other.path()));
+    EXPECT_EQ(r.code, 0) << r.err;
+    EXPECT_EQ(listFiles(other.path()),
+              (std::vector<std::string>{"denormalize-output_F16_1x64x32.onnx", "denormalize-output_F16_2x8x8.onnx",
+                                        "denormalize-output_F32_1x64x32.onnx", "denormalize-output_F32_2x8x8.onnx",
+                                        "depth_standin.onnx", "depth_standin_colorize.onnx",
+                                        "normalize-input_F16_1x64x32.onnx", "normalize-input_F16_2x8x8.onnx",
+                                        "normalize-input_F32_1x64x32.onnx", "normalize-input_F32_2x8x8.onnx"}));
+}
+
+TEST(Cli, DefaultPackageLayout) {
+    const std::vector<std::string> files = listFiles(QUILLON_TEST_PACKAGE_DIR);
+    size_t conversions = 0, configs = 0;
+    for (const std::string& f : files) {
+        EXPECT_EQ(f.find(".tmp-"), std::string::npos) << f;
+        if (f.rfind("models/imgcvt/", 0) == 0 && f.find("_TO_") != std::string::npos) ++conversions;
+        if (f.rfind("config/", 0) == 0) ++configs;
+    }
+    EXPECT_EQ(conversions, 36u * 35u);
+    EXPECT_EQ(configs, 16u);
+    for (const char* f : {"models/imgcvt/resize_U8_HWC.onnx", "models/imgcvt/resize_F16_CHW.onnx",
+                          "models/imgcvt/CONVERT_GAMMA_F16.onnx", "models/imgcvt/GET_IMAGE_STATS_F32.onnx",
+                          "models/depth_standin.onnx", "models/depth_standin_colorize.onnx"})
+        EXPECT_TRUE(std::binary_search(files.begin(), files.end(), f)) << f;
+}

@@ -1,0 +1,53 @@
+// Pieces of the package tool's library that the command line does not reach on its own.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include "Conversion.h"
+#include "GraphBuilder.h"
+#include "PackageFiles.h"
+
+namespace fs = std::filesystem;
+
+TEST(GraphBuilder, RejectsAGraphTheCheckerRefuses) {
+    qpkg::GraphBuilder g("broken");
+    const std::string x = g.input("input", ML::F32, {qpkg::Dim::named("N")});
+    g.output(g.op("Add", {x}), "output", ML::F32, {qpkg::Dim::named("N")});  // Add needs two inputs
+    try {
+        g.build();
+        FAIL() << "expected the checker to refuse the graph";
+    } catch (const std::runtime_error& e) {
+        EXPECT_NE(std::string(e.what()).find("network broken fails the ONNX checker"), std::string::npos) << e.what();
+    }
+}
+
+TEST(PackageFiles, FailedWriteLeavesTheOldFileAndNoTemporary) {
+    const fs::path dir = fs::temp_directory_path() / ("quillon-pkg-lib-test-" + std::to_string(std::random_device{}()));
+    fs::remove_all(dir);
+    fs::create_directories(dir / "target.json");  // a folder where the file should go: rename must fail
+    EXPECT_THROW(qpkg::writeFileAtomic(dir / "target.json", "{}"), std::runtime_error);
+    qpkg::writeFileAtomic(dir / "plain.json", "first");
+    qpkg::writeFileAtomic(dir / "plain.json", "second");
+    std::ifstream in(dir / "plain.json");
+    std::string text;
+    std::getline(in, text);
+    EXPECT_EQ(text, "second");
+    size_t entries = 0;
+    for (const auto& e : fs::directory_iterator(dir)) {
+        EXPECT_EQ(e.path().filename().string().find(".tmp-"), std::string::npos) << e.path();
+        ++entries;
+    }
+    EXPECT_EQ(entries, 2u);
+    fs::remove_all(dir);
+}
+
+TEST(Conversion, NamesRoundTrip) {
+    const std::vector<qpkg::FormatPair> pairs = qpkg::allConversionPairs();
+    ASSERT_EQ(pairs.size(), 36u * 35u);
+    for (const qpkg::FormatPair& p : pairs) {
+        const qpkg::FormatPair back = qpkg::parseConversionName(qpkg::conversionName(p.first, p.second));
+        EXPECT_TRUE(back.first == p.first && back.second == p.second);
+    }
+}

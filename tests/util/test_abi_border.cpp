@@ -1,0 +1,159 @@
+// SDK objects made in a separately loaded library and used, shared and released on this side.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+#include "ML/Buffer.h"
+#include "ML/ImageImp.h"
+
+namespace {
+
+using DestroyedCount = ML::u32 (*)();
+using NewRawString = ML::Reference* (*)(const char*);
+using MakeString = ML::Ptr<ML::String> (*)(const char*);
+using MakeWString = ML::Ptr<ML::WString> (*)(const wchar_t*);
+using MakeShape = ML::Ptr<ML::Shape> (*)(const ML::u64*, ML::u64);
+using MakeImage = ML::Ptr<ML::Image> (*)(ML::Rect, ML::u32, ML::u32, ML::u32, void*, ML::u32, ML::u32);
+using MakeBuffer = ML::Ptr<ML::Buffer> (*)(ML::u64);
+using HoldAndReport = ML::u32 (*)(ML::Ptr<ML::Buffer>);
+
+class AbiBorder : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        module = dlopen(QUILLON_ABI_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+        ASSERT_NE(module, nullptr) << dlerror();
+    }
+    static void TearDownTestSuite() {
+        if (module) dlclose(module);
+        module = nullptr;
+    }
+
+    template <class F>
+    static F symbol(const char* name) {
+        void* f = dlsym(module, name);
+        if (!f) throw std::runtime_error(std::string("missing export ") + name);
+        return reinterpret_cast<F>(f);
+    }
+
+    static ML::u32 destroyed() { return symbol<DestroyedCount>("abi_destroyed_count")(); }
+
+    static void* module;
+};
+
+void* AbiBorder::module = nullptr;
+
+TEST_F(AbiBorder, OnlyTheCFunctionsAreExported) {
+    EXPECT_NE(dlsym(module, "abi_make_string"), nullptr);
+    EXPECT_EQ(dlsym(module, "_ZNK2ML8ImageImp11getRowBytesEv"), nullptr);
+}
+
+TEST_F(AbiBorder, FreshObjectCountsZeroOneZeroAndDiesAtLastRelease) {
+    ML::Reference* raw = symbol<NewRawString>("abi_new_raw_string")("fresh");
+    const ML::u32 before = destroyed();
+    EXPECT_EQ(raw->addRef(), 1u);
+    EXPECT_EQ(destroyed(), before);
+    EXPECT_EQ(raw->release(), 0u);
+    EXPECT_EQ(destroyed(), before + 1);
+}
+
+TEST_F(AbiBorder, ReturnedPtrHoldsExactlyOneReference) {
+    const ML::u32 before = destroyed();
+    {
+        ML::Ptr<ML::String> s = symbol<MakeString>("abi_make_string")("hello");
+        EXPECT_EQ(s->addRef(), 2u);
+        EXPECT_EQ(s->release(), 1u);
+        {
+            ML::Ptr<ML::String> copy = s;
+            EXPECT_EQ(copy->addRef(), 3u);
+            copy->release();
+        }
+        ML::Ptr<ML::String> moved = std::move(s);
+        EXPECT_EQ(moved->addRef(), 2u);
+        moved->release();
+        EXPECT_EQ(destroyed(), before);
+    }
+    EXPECT_EQ(destroyed(), before + 1);
+}
+
+TEST_F(AbiBorder, StringsAreImmutableAcrossTheBorder) {
+    ML::Ptr<ML::String> s = symbol<MakeString>("abi_make_string")("quillon");
+    EXPECT_EQ(s->allocate(64), 4);
+    EXPECT_EQ(s->deallocate(), 4);
+    EXPECT_EQ(s->getSize(), 7u);
+    EXPECT_FALSE(s->isEmpty());
+    EXPECT_EQ(ML::toStd(s), "quillon");
+    EXPECT_EQ(static_cast<const char*>(s->getData())[7], '\0');
+
+    ML::Ptr<ML::String> empty = symbol<MakeString>("abi_make_string")("");
+    EXPECT_TRUE(empty->isEmpty());
+    EXPECT_EQ(empty->getSize(), 0u);
+
+    ML::Ptr<ML::WString> wide = symbol<MakeWString>("abi_make_wstring")(L"wide");
+    EXPECT_EQ(ML::toStd(wide), L"wide");
+    EXPECT_EQ(wide->allocate(1), 4);
+}
+
+TEST_F(AbiBorder, ShapeArraysKeepTheirElements) {
+    const ML::u64 dims[] = {1, 3, 1080, 1920};
+    ML::Ptr<ML::Shape> shape = symbol<MakeShape>("abi_make_shape")(dims, 4);
+    ASSERT_EQ(shape->size(), 4u);
+    EXPECT_EQ(shape->getSize(), 32u);
+    EXPECT_EQ(*shape->at(2), 1080u);
+    EXPECT_EQ(shape->data()[3], 1920u);
+
+    EXPECT_EQ(shape->resize(2), 0);
+    EXPECT_EQ(shape->size(), 2u);
+    EXPECT_EQ(shape->data()[0], 0u);  // a new block is zeroed
+
+    ML::Ptr<ML::Shape> empty = symbol<MakeShape>("abi_make_shape")(nullptr, 0);
+    EXPECT_EQ(empty->size(), 0u);
+}
+
+TEST_F(AbiBorder, ImageStridesAndFailuresComeFromTheOtherSide) {
+    float pixels[2 * 5 * 4] = {};
+    auto make = symbol<MakeImage>("abi_make_image");
+    const ML::Rect r{0, 0, 5, 2};
+    ML::Ptr<ML::Image> hwc = make(r, ML::Image::RGBA, ML::Image::HWC, ML::F32, pixels, 0, 0);
+    ML::Ptr<ML::Image> chw = make(r, ML::Image::RGBA, ML::Image::CHW, ML::F32, pixels, 0, 40);
+    EXPECT_EQ(hwc->getRect(), r);
+    EXPECT_EQ(hwc->getRowBytes(), 80u);
+    EXPECT_EQ(chw->getRowBytes(), 20u);
+    EXPECT_EQ(chw->getChannelBytes(), 40u);
+    EXPECT_EQ(hwc->getData(), static_cast<void*>(pixels));
+    EXPECT_THROW(hwc->getChannelBytes(), std::runtime_error);
+
+    ML::Ptr<ML::Image> bare = make(r, ML::Image::R, ML::Image::HWC, ML::U8, nullptr, 0, 0);
+    try {
+        bare->getRowBytes();
+        FAIL() << "no failure for an image without data";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "getRowBytes should not be called on image that does not have a data pointer");
+    }
+    bare->setData(pixels);
+    EXPECT_EQ(bare->getRowBytes(), 5u);
+
+    EXPECT_THROW(make(r, ML::Image::R, ML::Image::HWC, ML::U16, pixels, 0, 0), std::runtime_error);
+}
+
+TEST_F(AbiBorder, BuffersResizeAndAreSharedBothWays) {
+    const ML::u32 before = destroyed();
+    {
+        ML::Ptr<ML::Buffer> buffer = symbol<MakeBuffer>("abi_make_buffer")(16);
+        EXPECT_EQ(buffer->getSize(), 16u);
+        buffer->resize(1000);
+        EXPECT_EQ(buffer->getSize(), 1000u);
+        static_cast<char*>(buffer->getData())[999] = 'z';
+        buffer->resize(0);
+        EXPECT_EQ(buffer->getSize(), 0u);
+
+        // Passed by value: the callee's parameter and its copy are two more references.
+        EXPECT_EQ(symbol<HoldAndReport>("abi_hold_and_report")(buffer), 4u);
+        EXPECT_EQ(buffer->addRef(), 2u);
+        buffer->release();
+    }
+    EXPECT_EQ(destroyed(), before + 1);
+}
+
+}  // namespace
