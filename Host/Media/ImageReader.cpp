@@ -14,11 +14,11 @@ namespace QMedia {
 namespace {
 
 // The frame type that holds a file's pixels without loss of what matters.
-ML::DataType frameTypeFor(const OIIO::ImageSpec& spec, int channels) {
+ML::DataType frameTypeFor(const OIIO::ImageSpec& imageSpec, int channels) {
     bool allU8 = true;
     bool allHalf = true;
     for (int c = 0; c < channels; ++c) {
-        const OIIO::TypeDesc t = spec.channelformat(c);
+        const OIIO::TypeDesc t = imageSpec.channelformat(c);
         allU8 = allU8 && t == OIIO::TypeDesc::UINT8;
         allHalf = allHalf && t == OIIO::TypeDesc::HALF;
     }
@@ -53,14 +53,14 @@ Frame readImage(const fs::path& path) {
     config.attribute("oiio:UnassociatedAlpha", 1);
     auto in = OIIO::ImageInput::open(path.string(), &config);
     if (!in) ML_THROW("Could not read image " + path.string() + ": " + lastError("unknown format"));
-    const OIIO::ImageSpec& spec = in->spec();
-    if (spec.deep) ML_THROW("Could not read image " + path.string() + ": deep images are not supported");
-    if (spec.depth > 1) ML_THROW("Could not read image " + path.string() + ": volume images are not supported");
-    if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0)
+    const OIIO::ImageSpec& imageSpec = in->spec();
+    if (imageSpec.deep) ML_THROW("Could not read image " + path.string() + ": deep images are not supported");
+    if (imageSpec.depth > 1) ML_THROW("Could not read image " + path.string() + ": volume images are not supported");
+    if (imageSpec.width <= 0 || imageSpec.height <= 0 || imageSpec.nchannels <= 0)
         ML_THROW("Could not read image " + path.string() + ": empty image");
 
-    const int channels = std::min(spec.nchannels, 4);
-    Frame frame(spec.width, spec.height, channels, frameTypeFor(spec, channels));
+    const int channels = std::min(imageSpec.nchannels, 4);
+    Frame frame(imageSpec.width, imageSpec.height, channels, frameTypeFor(imageSpec, channels));
     if (!in->read_image(0, 0, 0, channels, oiioType(frame.type()), frame.data())) {
         const std::string e = in->geterror();
         ML_THROW("Could not read image " + path.string() + ": " + (e.empty() ? "decoding failed" : e));

@@ -63,14 +63,14 @@ OIIO::TypeDesc memoryType(ML::DataType type) {
 }
 
 OIIO::ImageSpec makeSpec(const Frame& frame, BitDepth depth) {
-    OIIO::ImageSpec spec(frame.width(), frame.height(), frame.channels(), fileType(depth));
+    OIIO::ImageSpec imageSpec(frame.width(), frame.height(), frame.channels(), fileType(depth));
     switch (frame.channels()) {
-    case 1: spec.channelnames = {"Y"}; spec.alpha_channel = -1; break;
-    case 2: spec.channelnames = {"Y", "A"}; spec.alpha_channel = 1; break;
-    case 3: spec.channelnames = {"R", "G", "B"}; spec.alpha_channel = -1; break;
-    default: spec.channelnames = {"R", "G", "B", "A"}; spec.alpha_channel = 3; break;
+    case 1: imageSpec.channelnames = {"Y"}; imageSpec.alpha_channel = -1; break;
+    case 2: imageSpec.channelnames = {"Y", "A"}; imageSpec.alpha_channel = 1; break;
+    case 3: imageSpec.channelnames = {"R", "G", "B"}; imageSpec.alpha_channel = -1; break;
+    default: imageSpec.channelnames = {"R", "G", "B", "A"}; imageSpec.alpha_channel = 3; break;
     }
-    return spec;
+    return imageSpec;
 }
 
 std::string oiioError(const std::string& e, const std::string& fallback) { return e.empty() ? fallback : e; }
@@ -119,11 +119,11 @@ void writeImage(const std::filesystem::path& path, const Frame& frame, const Ima
         pixels = &withoutAlpha;
     }
 
-    OIIO::ImageSpec spec = makeSpec(*pixels, depth);
+    OIIO::ImageSpec imageSpec = makeSpec(*pixels, depth);
     if (format == "jpeg") {
         if (options.jpegQuality < 1 || options.jpegQuality > 100)
             ML_THROW("JPEG quality must be 1 to 100, not " + std::to_string(options.jpegQuality));
-        spec.attribute("Compression", "jpeg:" + std::to_string(options.jpegQuality));
+        imageSpec.attribute("Compression", "jpeg:" + std::to_string(options.jpegQuality));
     }
 
     // The picture goes through a file of ours, so that a write error is never missed.
@@ -133,12 +133,12 @@ void writeImage(const std::filesystem::path& path, const Frame& frame, const Ima
         sink = CheckedOutputFile::create(file.tempPath(), openError);
         if (!sink) ML_THROW("Could not write image " + path.string() + ": cannot create file (" + openError + ")");
         OIIO::Filesystem::IOProxy* proxy = sink.get();
-        spec.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
+        imageSpec.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
     }
     // Pixels go to the file as given: straight alpha is not divided out.
-    spec.attribute("oiio:UnassociatedAlpha", 1);
+    imageSpec.attribute("oiio:UnassociatedAlpha", 1);
 
-    if (!out->open(file.tempPath().string(), spec))
+    if (!out->open(file.tempPath().string(), imageSpec))
         ML_THROW("Could not write image " + path.string() + ": " + oiioError(out->geterror(), "cannot create file"));
     const bool written = out->write_image(memoryType(pixels->type()), pixels->data());
     const std::string writeError = written ? std::string() : out->geterror();
