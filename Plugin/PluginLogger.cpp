@@ -5,6 +5,16 @@ namespace ML {
 Logger* g_hostLogger = nullptr;
 PluginLogger* g_pluginLogger = nullptr;
 
+namespace {
+// The logger lives as long as the library: mlShutdown keeps it, unloading the library frees it.
+struct LoggerRelease {
+    ~LoggerRelease() {
+        delete g_pluginLogger;
+        g_pluginLogger = nullptr;
+    }
+} loggerRelease;
+}  // namespace
+
 void PluginLogger::log(Ptr<StringT<char>> text) {
     if (Logger* host = g_hostLogger) host->log(text);
 }

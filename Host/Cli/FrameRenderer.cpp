@@ -1,0 +1,97 @@
+#include "Host/Cli/FrameRenderer.h"
+
+#include "Host/BufferText.h"
+#include "Host/Cli/CliError.h"
+#include "Host/Cli/ImageBridge.h"
+#include "Host/Cli/Targets.h"
+
+namespace QCli {
+
+namespace {
+
+constexpr int DEPTH = 9;
+
+// Layout of an output image. A one-channel image is the same in memory either way; it is
+// described as planar, which the plug-in's resize path for single-channel outputs handles
+// (its interleaved single-channel resize currently fails at the backend).
+ML::u32 outputLayout(ML::u32 format) { return format == ML::ImageImp::R ? ML::ImageImp::CHW : ML::ImageImp::HWC; }
+
+// Channel format of the output images: depth writes one channel (R) and a colour view (RGB);
+// other effects give pictures like their input.
+ML::u32 outputFormat(int target, int id, const QHost::OwnedImage& input) {
+    if (target == DEPTH) return id == 0 ? ML::ImageImp::R : ML::ImageImp::RGB;
+    return input.getChannelFormat();
+}
+
+bool isJsonPath(const std::filesystem::path& path) { return path.extension() == ".json"; }
+
+// Removes the call's settings from the watch however the render ends.
+struct Watched {
+    CancelWatch& watch;
+    std::shared_ptr<QHost::CallSettings> settings;
+    Watched(CancelWatch& w, std::shared_ptr<QHost::CallSettings> s) : watch(w), settings(std::move(s)) {
+        watch.add(settings);
+    }
+    ~Watched() { watch.remove(settings); }
+};
+
+}  // namespace
+
+FrameRenderer::FrameRenderer(Session& session, CancelWatch& cancel, RenderRequest request)
+    : session_(session), cancel_(cancel), request_(std::move(request)) {}
+
+FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame) {
+    auto settings = session_.newSettings(3, request_.target);
+    const auto frameNumber = static_cast<ML::u32>(frame);
+    settings->setFrame(frameNumber);
+    settings->setModelIndex(request_.model);
+    settings->setBackend(request_.backend);
+    if (request_.device) settings->setDeviceId(*request_.device);
+    for (const ParamSetting& p : request_.params) applyParam(*settings, p);
+    if (request_.roi) settings->setRoi(frameNumber, *request_.roi);
+
+    const auto input = toHostImage(inputFrame);
+    const int width = inputFrame.width();
+    const int height = inputFrame.height();
+    // Outputs cover the region of interest only; the rest of the written frame stays zero.
+    ML::Rect outRect = input->getRect();
+    if (request_.roi) outRect = *request_.roi;
+    const ML::u32 format0 = outputFormat(request_.target, 0, *input);
+    auto output = makeOutputImage(outRect, format0, ML::F32, outputLayout(format0));
+    settings->setInputImage(frameNumber, input);
+    settings->setOutputImage(frameNumber, output, {0, -1});
+    ML::Ptr<QHost::OwnedImage> output1;
+    if (request_.wantOutput1) {
+        const ML::u32 format1 = outputFormat(request_.target, 1, *input);
+        output1 = makeOutputImage(outRect, format1, ML::F32, outputLayout(format1));
+        settings->setOutputImage(frameNumber, output1, {1, -1});
+    }
+
+    Watched watched(cancel_, settings);
+    for (int mode : {3, 4}) {
+        settings->setMode(mode);
+        const int result = session_.run(settings);
+        if (result == 1 || (result == 0 && interrupted())) throw CliError(EXIT_CANCELLED, "cancelled");
+        if (result != 0) {
+            const std::string why = session_.lastPluginError();
+            throw CliError(exitCodeForResult(result), "frame " + std::to_string(frame) + ": " +
+                                                          targetName(request_.target) + " failed (result " +
+                                                          std::to_string(result) + ")" + (why.empty() ? "" : ": " + why));
+        }
+    }
+
+    FrameResult result;
+    result.output = toFrame(*output, width, height);
+    if (output1) result.output1 = toFrame(*output1, width, height);
+    for (const BufferOutput& b : request_.buffers) {
+        const auto buffer = settings->outputBuffer(frameNumber, {b.id, b.index});
+        if (!buffer || buffer->getSize() == 0) {
+            result.buffers.emplace_back(std::nullopt);
+        } else {
+            result.buffers.emplace_back(isJsonPath(b.path) ? QHost::bufferText(buffer) : QHost::bufferBytes(buffer));
+        }
+    }
+    return result;
+}
+
+}  // namespace QCli

@@ -1,0 +1,49 @@
+#pragma once
+// One frame through the plug-in as a host does it: a call in mode 3 (prepare), then one in
+// mode 4 (render) with the same settings, and the outputs taken back as frames.
+// render() may run on several threads at once.
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Host/Cli/Cancellation.h"
+#include "Host/Cli/Options.h"
+#include "Host/Cli/Session.h"
+#include "Host/Media/Frame.h"
+
+namespace QCli {
+
+struct RenderRequest {
+    int target = 9;
+    int model = 0;
+    std::string backend;
+    std::optional<std::uint32_t> device;
+    std::optional<ML::Rect> roi;
+    std::vector<ParamSetting> params;
+    bool wantOutput1 = false;
+    std::vector<BufferOutput> buffers;
+};
+
+struct FrameResult {
+    QMedia::Frame output;   // output image 0
+    QMedia::Frame output1;  // output image 1, empty unless asked for
+    // Bytes of each requested buffer, in the order of RenderRequest::buffers; nullopt when
+    // the plug-in did not produce it.
+    std::vector<std::optional<std::string>> buffers;
+};
+
+class FrameRenderer {
+public:
+    FrameRenderer(Session& session, CancelWatch& cancel, RenderRequest request);
+
+    // Throws CliError with the exit code of the plug-in's result and its error text.
+    FrameResult render(int frame, const QMedia::Frame& input);
+
+private:
+    Session& session_;
+    CancelWatch& cancel_;
+    RenderRequest request_;
+};
+
+}  // namespace QCli

@@ -1,0 +1,78 @@
+// quillon list: backends, devices and the models of every target, from the plug-in's query tables.
+#include <functional>
+
+#include "Host/Cli/CliError.h"
+#include "Host/Cli/Commands.h"
+#include "Host/Cli/Session.h"
+#include "Host/Cli/Targets.h"
+
+namespace QCli {
+
+namespace {
+
+// The query functions may throw (they run outside mlMain); a failure shows as text.
+std::string text(const std::function<ML::Ptr<ML::StringT<char>>()>& query) {
+    try {
+        return ML::toStd(query());
+    } catch (const std::exception& e) {
+        return std::string("<") + e.what() + ">";
+    }
+}
+
+int number(const std::function<int()>& query, int fallback = -1) {
+    try {
+        return query();
+    } catch (const std::exception&) {
+        return fallback;
+    }
+}
+
+}  // namespace
+
+int runList(const Options& o, std::ostream& out, std::ostream& err) {
+    Session session({o.plugin, o.package, o.verbosity, o.cacheMb << 20}, err);
+    const ML::PluginQueryFunctions& q = session.queries();
+    const ML::PluginParamFunctions& p = session.params();
+
+    const int backends = number(q.getNumBackends, 0);
+    const int defaultBackend = number(q.getDefaultBackendIndex);
+    out << "Backends:";
+    if (backends == 0) out << " none";
+    out << "\n";
+    for (int b = 0; b < backends; ++b) {
+        out << "  " << text([&] { return q.getBackendName(b); }) << (b == defaultBackend ? " (default)" : "");
+        const std::string label = text([&] { return q.getBackendLabel(b); });
+        const std::string detail = text([&] { return q.getBackendDetail(b); });
+        if (!label.empty()) out << "  " << label;
+        if (!detail.empty()) out << "  [" << detail << "]";
+        out << "\n";
+        const int devices = number([&] { return q.getNumDevices(b); }, 0);
+        const int defaultDevice = number([&] { return q.getDefaultDeviceIndex(b); });
+        for (int d = 0; d < devices; ++d)
+            out << "    device " << d << ": " << text([&] { return q.getDeviceName(b, d); })
+                << (d == defaultDevice ? " (default)" : "") << "\n";
+    }
+    if (defaultBackend >= 0 && defaultBackend < backends)
+        out << "Default backend: " << text([&] { return q.getBackendName(defaultBackend); }) << ", device "
+            << number([&] { return q.getDefaultDeviceIndex(defaultBackend); }) << "\n";
+    else
+        out << "Default backend: none\n";
+
+    out << "Models:\n";
+    for (const TargetName& t : allTargets()) {
+        const int count = number([&] { return p.getIntPluginParam(t.number, 100, 0); }, 0);
+        out << "  " << t.name << " (" << t.number << "): " << count << (count == 1 ? " model" : " models") << "\n";
+        for (int m = 0; m < count; ++m) {
+            const int w = number([&] { return p.getIntPluginParam(t.number, 104, m); });
+            const int h = number([&] { return p.getIntPluginParam(t.number, 105, m); });
+            out << "    " << m << ": " << text([&] { return p.getStringPluginParam(t.number, 101, m); })
+                << "  id " << text([&] { return p.getStringPluginParam(t.number, 102, m); }) << "  tile "
+                << (w > 0 && h > 0 ? std::to_string(w) + "x" + std::to_string(h) : std::string("any")) << "\n";
+            const std::string description = text([&] { return p.getStringPluginParam(t.number, 103, m); });
+            if (!description.empty()) out << "       " << description << "\n";
+        }
+    }
+    return EXIT_OK;
+}
+
+}  // namespace QCli

@@ -1,0 +1,100 @@
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "Host/Cli/CliError.h"
+#include "Host/Cli/Commands.h"
+
+namespace QCli {
+
+const char* helpText() {
+    return R"(usage: quillon <command> [options]
+
+Commands:
+  list                       backends, devices and the models of every target
+  render --target T -i IN -o OUT [options]
+                             render frames of IN through an effect into OUT
+  demo [--out DIR]           make the default package if missing, a sample image, and its depth
+  bench [--target depth] [--frames N] [--size WxH]
+                             time N renders through the plug-in against the bare network
+  help                       this text
+
+Inputs and outputs are image files (.png .exr .tif .jpg ...), numbered image sequences
+(frame.%04d.exr or frame.####.exr) or video files (.mp4 .mov .mkv .avi .webm).
+
+Common options:
+  --plugin PATH              plug-in library (default: Quillon.so beside this program)
+  --package DIR              model package, made by 'quillon-pkg default DIR'
+                             (default: <this program's folder>/package)
+  --cache-mb N               compute cache budget in MiB (default 2048)
+  -v, --verbose              show the plug-in's info lines; twice (-vv) also verbose lines
+                             (by default errors and warnings are shown)
+
+Render options:
+  -t, --target T             effect by name or number: denoise 1, upres 2, optical-flow 3,
+                             mask-propagation 4, retiming 5, face-detection 6,
+                             interactive-segmentation 7, plate-detection 8, depth 9, matting 10,
+                             pose 11, photo-restoration 12, point-tracking 13, hdr 14, heads3d 15,
+                             deinterlace 16
+  -m, --model N              model index of the target (default 0; see 'quillon list')
+  -i, --input PATH           input image, sequence or video
+  -o, --output PATH          output image 0 (depth: one channel, float)
+  --output1 PATH             output image 1 (depth: the colourised view)
+  --buffer ID[.INDEX]=PATH   write output buffer ID to PATH (.json: as text, else the raw bytes);
+                             with several frames PATH needs a frame number (%04d or ####)
+  -p, --param ID[.INDEX][:TYPE]=VALUE
+                             a host parameter (index 0 unless given). TYPE is int, float or str;
+                             without it, a whole number sets both the int and float parameter,
+                             another number ("2.5" or "2.5f") the float one, anything else the
+                             string one. Examples: --param 4=2  --param 5:float=0.5  --param 6:str=a
+  -f, --frames A-B           frames to render, inside the input (default: all of it)
+  --backend NAME             backend (default: the plug-in's default; see 'quillon list')
+  --device N                 device of the backend (default: the backend's default)
+  --roi x0,y0,x1,y1          region of interest, x1 and y1 exclusive (default: the whole frame)
+  -j, --threads N            render N frames at once where the effect allows it (depth does)
+
+Demo options:
+  --out DIR                  folder for the sample and its results (default ./quillon-demo)
+
+Bench options:
+  --frames N                 renders to time (default 10)
+  --size WxH                 picture size (default 1920x1080)
+
+Exit codes:
+  0    success
+  1    failure of the effect or another failure (plug-in result 4)
+  2    usage error: bad option, unknown target, bad parameter or frame range
+  3    host-side failure: missing or unreadable input, output folder missing, package or
+       plug-in missing (plug-in result 2)
+  4    backend failure (plug-in result 3)
+  130  cancelled (Ctrl-C, or plug-in result 1)
+On failure no partial output file is left behind: each file appears only when complete, and a
+video only when all its frames are written.
+)";
+}
+
+int runMain(int argc, char** argv) {
+    std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
+    try {
+        const Options options = parseArguments(args);
+        switch (options.command) {
+            case Command::Help: std::cout << helpText(); return EXIT_OK;
+            case Command::List: return runList(options, std::cout, std::cerr);
+            case Command::Render: return runRender(options, std::cout, std::cerr);
+            case Command::Demo: return runDemo(options, std::cout, std::cerr);
+            case Command::Bench: return runBench(options, std::cout, std::cerr);
+        }
+        return EXIT_OK;
+    } catch (const UsageError& e) {
+        std::cerr << "quillon: error: " << e.what() << " (see 'quillon --help')\n";
+        return e.exitCode();
+    } catch (const CliError& e) {
+        std::cerr << "quillon: error: " << e.what() << "\n";
+        return e.exitCode();
+    } catch (const std::exception& e) {
+        std::cerr << "quillon: error: " << e.what() << "\n";
+        return EXIT_FAILURE_OTHER;
+    }
+}
+
+}  // namespace QCli

@@ -1,0 +1,210 @@
+// quillon render: frames of an input through one effect into output files.
+#include <algorithm>
+#include <thread>
+#include <unistd.h>
+
+#include "Host/Cli/BufferFile.h"
+#include "Host/Cli/Cancellation.h"
+#include "Host/Cli/CliError.h"
+#include "Host/Cli/Commands.h"
+#include "Host/Cli/FrameRenderer.h"
+#include "Host/Cli/Progress.h"
+#include "Host/Cli/Session.h"
+#include "Host/Cli/Targets.h"
+#include "Host/Media/MediaSink.h"
+#include "Host/Media/MediaSource.h"
+#include "Host/Media/PendingFile.h"
+#include "Host/Media/SequencePattern.h"
+
+namespace QCli {
+
+namespace {
+
+std::string rangeText(const QMedia::FrameRange& r) {
+    return r.first == r.last ? std::to_string(r.first) : std::to_string(r.first) + "-" + std::to_string(r.last);
+}
+
+std::unique_ptr<QMedia::MediaSource> openInput(const std::filesystem::path& path) {
+    std::error_code error;
+    if (QMedia::mediaKindOf(path) != QMedia::MediaKind::Sequence && !std::filesystem::exists(path, error))
+        throw CliError(EXIT_HOST, "input not found: " + path.string());
+    try {
+        return QMedia::MediaSource::open(path);
+    } catch (const std::exception& e) {
+        throw CliError(EXIT_HOST, "cannot read input " + path.string() + ": " + e.what());
+    }
+}
+
+QMedia::FrameRange chooseFrames(const Options& o, const QMedia::MediaSource& source) {
+    const QMedia::FrameRange available = source.frameRange();
+    QMedia::FrameRange frames = o.frames.value_or(available);
+    // One image stands for every frame number.
+    if (o.frames && source.kind() != QMedia::MediaKind::Image &&
+        (!available.contains(frames.first) || !available.contains(frames.last)))
+        throw UsageError("frame range " + rangeText(frames) + " is outside the input (frames " + rangeText(available) +
+                         ")");
+    if (frames.first < 0) throw UsageError("frame range " + rangeText(frames) + " has negative frames");
+    return frames;
+}
+
+std::unique_ptr<QMedia::MediaSink> createOutput(const std::filesystem::path& path, const QMedia::FrameRange& frames,
+                                                const QMedia::MediaSource& source) {
+    if (QMedia::mediaKindOf(path) == QMedia::MediaKind::Image && frames.count() > 1)
+        throw UsageError("output " + path.string() + " is one image but " + std::to_string(frames.count()) +
+                         " frames are rendered; name a sequence (name.%04d.exr) or a video");
+    QMedia::MediaSinkOptions options;
+    if (source.frameRate().valid()) options.video.frameRate = source.frameRate();
+    try {
+        return QMedia::MediaSink::create(path, options);
+    } catch (const std::exception& e) {
+        throw CliError(EXIT_HOST, "cannot write output " + path.string() + ": " + e.what());
+    }
+}
+
+void checkBufferOutputs(const std::vector<BufferOutput>& buffers, const QMedia::FrameRange& frames) {
+    for (const BufferOutput& b : buffers) {
+        if (frames.count() > 1 && !QMedia::SequencePattern::isPattern(b.path))
+            throw UsageError("buffer output " + b.path.string() + " is one file but " +
+                             std::to_string(frames.count()) + " frames are rendered; put a frame number in its name");
+        try {
+            QMedia::checkOutputFolder(bufferPathFor(b.path, frames.first));
+        } catch (const std::exception& e) {
+            throw CliError(EXIT_HOST, "cannot write " + b.path.string() + ": " + e.what());
+        }
+    }
+}
+
+QMedia::Frame readFrame(QMedia::MediaSource& source, int frame) {
+    try {
+        return source.read(frame);
+    } catch (const std::exception& e) {
+        throw CliError(EXIT_HOST, "cannot read frame " + std::to_string(frame) + " of " + source.path().string() + ": " +
+                                      e.what());
+    }
+}
+
+void checkRoi(const ML::Rect& roi, const QMedia::Frame& input) {
+    if (roi.x0 < 0 || roi.y0 < 0 || roi.x1 > input.width() || roi.y1 > input.height())
+        throw UsageError("region " + std::to_string(roi.x0) + "," + std::to_string(roi.y0) + "," +
+                         std::to_string(roi.x1) + "," + std::to_string(roi.y1) + " is outside the input (" +
+                         std::to_string(input.width()) + "x" + std::to_string(input.height()) + ")");
+}
+
+void writeFrame(QMedia::MediaSink& sink, int frame, const QMedia::Frame& pixels) {
+    try {
+        sink.write(frame, pixels);
+    } catch (const std::exception& e) {
+        throw CliError(EXIT_HOST, "cannot write frame " + std::to_string(frame) + " to " + sink.path().string() + ": " +
+                                      e.what());
+    }
+}
+
+void finishOutput(QMedia::MediaSink& sink) {
+    try {
+        sink.finish();
+    } catch (const std::exception& e) {
+        throw CliError(EXIT_HOST, "cannot complete " + sink.path().string() + ": " + e.what());
+    }
+}
+
+}  // namespace
+
+int runRender(const Options& o, std::ostream& out, std::ostream& err) {
+    auto source = openInput(o.input);
+    const QMedia::FrameRange frames = chooseFrames(o, *source);
+    auto sink = createOutput(o.output, frames, *source);
+    std::unique_ptr<QMedia::MediaSink> sink1;
+    if (!o.output1.empty()) sink1 = createOutput(o.output1, frames, *source);
+    checkBufferOutputs(o.buffers, frames);
+
+    Session session({o.plugin, o.package, o.verbosity, o.cacheMb << 20}, err);
+    installInterruptHandler();
+    CancelWatch cancelWatch;
+
+    RenderRequest request;
+    request.target = o.target;
+    request.model = o.model;
+    request.backend = o.backend;
+    request.device = o.device;
+    request.roi = o.roi;
+    request.params = o.params;
+    request.wantOutput1 = static_cast<bool>(sink1);
+    request.buffers = o.buffers;
+    FrameRenderer renderer(session, cancelWatch, request);
+
+    int threads = std::min(o.threads, frames.count());
+    if (threads > 1 && !allowsParallelFrames(o.target)) {
+        err << "quillon: " << targetName(o.target) << " renders frames one after the other; --threads ignored\n";
+        threads = 1;
+    }
+
+    Progress progress(frames.count(), err, isatty(STDERR_FILENO) != 0);
+    struct Finish {
+        Progress& p;
+        ~Finish() { p.finish(); }
+    } finishProgress{progress};
+
+    for (int batchStart = frames.first; batchStart <= frames.last; batchStart += threads) {
+        const int batch = std::min(threads, frames.last - batchStart + 1);
+        std::vector<QMedia::Frame> inputs;
+        for (int k = 0; k < batch; ++k) {
+            if (interrupted()) throw CliError(EXIT_CANCELLED, "cancelled");
+            inputs.push_back(readFrame(*source, batchStart + k));
+            if (o.roi) checkRoi(*o.roi, inputs.back());
+        }
+
+        std::vector<FrameResult> results(static_cast<std::size_t>(batch));
+        std::vector<std::exception_ptr> failures(static_cast<std::size_t>(batch));
+        auto work = [&](int k) {
+            try {
+                results[k] = renderer.render(batchStart + k, inputs[k]);
+            } catch (...) {
+                failures[k] = std::current_exception();
+            }
+        };
+        if (batch == 1) {
+            work(0);
+        } else {
+            std::vector<std::thread> workers;
+            for (int k = 0; k < batch; ++k) workers.emplace_back(work, k);
+            for (auto& w : workers) w.join();
+        }
+        // A cancellation wins over the failures it may have caused on other threads.
+        for (const auto& f : failures) {
+            if (!f) continue;
+            try {
+                std::rethrow_exception(f);
+            } catch (const CliError& e) {
+                if (e.exitCode() == EXIT_CANCELLED) throw;
+            } catch (...) {
+            }
+        }
+        for (const auto& f : failures)
+            if (f) std::rethrow_exception(f);
+
+        for (int k = 0; k < batch; ++k) {
+            const int frame = batchStart + k;
+            writeFrame(*sink, frame, results[k].output);
+            if (sink1) writeFrame(*sink1, frame, results[k].output1);
+            for (std::size_t b = 0; b < o.buffers.size(); ++b) {
+                if (!results[k].buffers[b]) {
+                    err << "quillon: warning: frame " << frame << " produced no buffer " << o.buffers[b].id << "\n";
+                    continue;
+                }
+                writeBufferFile(bufferPathFor(o.buffers[b].path, frame), *results[k].buffers[b]);
+            }
+            progress.frameDone();
+        }
+    }
+    finishOutput(*sink);
+    if (sink1) finishOutput(*sink1);
+    progress.finish();
+
+    out << "Rendered " << frames.count() << (frames.count() == 1 ? " frame" : " frames") << " of "
+        << targetName(o.target) << " to " << o.output.string();
+    if (sink1) out << " and " << o.output1.string();
+    out << "\n";
+    return EXIT_OK;
+}
+
+}  // namespace QCli

@@ -1,0 +1,57 @@
+#include "Host/Cli/Targets.h"
+
+#include <algorithm>
+#include <cctype>
+
+#include "Host/Cli/CliError.h"
+
+namespace QCli {
+
+const std::vector<TargetName>& allTargets() {
+    static const std::vector<TargetName> targets = {
+        {1, "denoise"},         {2, "upres"},     {3, "optical-flow"},
+        {4, "mask-propagation"}, {5, "retiming"}, {6, "face-detection"},
+        {7, "interactive-segmentation"}, {8, "plate-detection"}, {9, "depth"},
+        {10, "matting"},        {11, "pose"},     {12, "photo-restoration"},
+        {13, "point-tracking"}, {14, "hdr"},      {15, "heads3d"},
+        {16, "deinterlace"},
+    };
+    return targets;
+}
+
+int parseTarget(const std::string& text) {
+    if (!text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c); })) {
+        if (text.size() <= 2) {
+            const int number = std::stoi(text);
+            if (number >= 1 && number <= 16) return number;
+        }
+        throw UsageError("unknown target number '" + text + "' (targets are 1 to 16)");
+    }
+    std::string key;
+    for (unsigned char c : text) key += c == '_' ? '-' : static_cast<char>(std::tolower(c));
+    for (const TargetName& t : allTargets())
+        if (key == t.name) return t.number;
+    throw UsageError("unknown target '" + text + "'");
+}
+
+std::string targetName(int number) {
+    for (const TargetName& t : allTargets())
+        if (t.number == number) return t.name;
+    return "target " + std::to_string(number);
+}
+
+bool allowsParallelFrames(int target) {
+    switch (target) {
+        case 2:   // upres
+        case 9:   // depth
+        case 10:  // matting
+        case 11:  // pose
+        case 12:  // photo restoration
+        case 14:  // hdr
+            return true;
+        default:
+            return false;
+    }
+}
+
+}  // namespace QCli

@@ -1,0 +1,25 @@
+#pragma once
+// The plug-in's targets by name and number.
+#include <string>
+#include <vector>
+
+namespace QCli {
+
+struct TargetName {
+    int number;
+    const char* name;
+};
+
+// All sixteen targets in order of their numbers.
+const std::vector<TargetName>& allTargets();
+
+// A name ("depth", case-insensitive, '_' taken as '-') or a number 1..16; throws UsageError.
+int parseTarget(const std::string& text);
+// The name of a target number, or "target N" for an unknown one.
+std::string targetName(int number);
+
+// Whether frames of the target may be rendered on several host threads at once: effects that
+// keep nothing between frames.
+bool allowsParallelFrames(int target);
+
+}  // namespace QCli
