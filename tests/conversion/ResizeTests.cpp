@@ -146,3 +146,19 @@ TEST_F(ConversionResize, BatchIsNeverResampled) {
 }
 
 }  // namespace
+
+namespace {
+
+// A single-channel interleaved tensor resized from a planar network result, as a depth output is.
+TEST_F(ConversionResize, SingleChannelPlanarTensorToPackedHostImage) {
+    const int inH = 8, inW = 8, outH = 9, outW = 16;
+    std::vector<Imath::half> values(static_cast<size_t>(inH * inW), Imath::half(0.25f));
+    auto source = tensor({1, 1, inH, inW}, ML::F16);
+    source->upload(values.data());
+    Owned host = QHost::OwnedImage::make({0, 0, outW, outH}, Image::R, Image::HWC, ML::F32);
+    converter->tensorToHostImage(describe(inH, inW, Image::R, Image::CHW, ML::F16), source, asImage(host));
+    for (int y = 0; y < outH; ++y)
+        for (int x = 0; x < outW; ++x) EXPECT_NEAR(host->at<float>(x, y, 0), 0.25f, 1e-3f);
+}
+
+}  // namespace
