@@ -197,22 +197,28 @@ Tile1D mapTileToUpresInput(const Tile1D& tile, i32 limitStart, i32 limitEnd, i32
     return result;
 }
 
-ExecutionPlan mapPlanToUpresInput(const ExecutionPlan& plan, const Rect& inputRect, i32 factor, i32 originX,
-                                  i32 originY) {
-    ExecutionPlan mapped;
-    mapped.rect = plan.rect;
-    mapped.execW = plan.execW;
-    mapped.execH = plan.execH;
-    mapped.overlap = plan.overlap;
-    mapped.numTiles = plan.numTiles;
-    mapped.execPixels = plan.execPixels;
-    mapped.tiles.reserve(plan.tiles.size());
-    for (const Tile& tile : plan.tiles) {
-        const Tile1D x = mapTileToUpresInput(tileAxisX(tile), inputRect.x0, inputRect.x1, plan.execW, factor, originX);
-        const Tile1D y = mapTileToUpresInput(tileAxisY(tile), inputRect.y0, inputRect.y1, plan.execH, factor, originY);
-        mapped.tiles.push_back(makeTile(x, y));
+namespace {
+// A copy of the plan whose tiles have their source side mapped, axis by axis, by mapAxis(tile
+// axis, limit start, limit end, execution size, origin).
+template <class MapAxis>
+ExecutionPlan mapPlanSources(const ExecutionPlan& plan, const Rect& inputRect, i32 originX, i32 originY,
+                             MapAxis&& mapAxis) {
+    ExecutionPlan mapped = plan;
+    for (Tile& tile : mapped.tiles) {
+        const Tile1D x = mapAxis(tileAxisX(tile), inputRect.x0, inputRect.x1, plan.execW, originX);
+        const Tile1D y = mapAxis(tileAxisY(tile), inputRect.y0, inputRect.y1, plan.execH, originY);
+        tile = makeTile(x, y);
     }
     return mapped;
+}
+}  // namespace
+
+ExecutionPlan mapPlanToUpresInput(const ExecutionPlan& plan, const Rect& inputRect, i32 factor, i32 originX,
+                                  i32 originY) {
+    return mapPlanSources(plan, inputRect, originX, originY,
+                          [factor](const Tile1D& t, i32 lo, i32 hi, i32 exec, i32 origin) {
+                              return mapTileToUpresInput(t, lo, hi, exec, factor, origin);
+                          });
 }
 
 Tile1D mapTileToScaledInput(const Tile1D& tile, i32 limitStart, i32 limitEnd, i32 exec, float scale, i32 origin) {
@@ -260,20 +266,10 @@ Tile1D mapTileToScaledInput(const Tile1D& tile, i32 limitStart, i32 limitEnd, i3
 
 ExecutionPlan mapPlanToScaledInput(const ExecutionPlan& plan, const Rect& inputRect, float scale, i32 originX,
                                    i32 originY) {
-    ExecutionPlan mapped;
-    mapped.rect = plan.rect;
-    mapped.execW = plan.execW;
-    mapped.execH = plan.execH;
-    mapped.overlap = plan.overlap;
-    mapped.numTiles = plan.numTiles;
-    mapped.execPixels = plan.execPixels;
-    mapped.tiles.reserve(plan.tiles.size());
-    for (const Tile& tile : plan.tiles) {
-        const Tile1D x = mapTileToScaledInput(tileAxisX(tile), inputRect.x0, inputRect.x1, plan.execW, scale, originX);
-        const Tile1D y = mapTileToScaledInput(tileAxisY(tile), inputRect.y0, inputRect.y1, plan.execH, scale, originY);
-        mapped.tiles.push_back(makeTile(x, y));
-    }
-    return mapped;
+    return mapPlanSources(plan, inputRect, originX, originY,
+                          [scale](const Tile1D& t, i32 lo, i32 hi, i32 exec, i32 origin) {
+                              return mapTileToScaledInput(t, lo, hi, exec, scale, origin);
+                          });
 }
 
 void copySrcToTileWithBorderPadding(const Tile& tile, const Ptr<Image>& sourceImage, const Ptr<Image>& tileImage) {

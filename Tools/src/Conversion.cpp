@@ -7,19 +7,6 @@ namespace qpkg {
 
 namespace {
 
-// Channel names in memory order.
-std::string channelLetters(ML::u32 channels) {
-    switch (channels) {
-        case ML::Image::RGB: return "RGB";
-        case ML::Image::RGBA: return "RGBA";
-        case ML::Image::R: return "R";
-        case ML::Image::RG: return "RG";
-        case ML::Image::ARGB: return "ARGB";
-        case ML::Image::BGR: return "BGR";
-        default: throw std::logic_error("unknown channel format");
-    }
-}
-
 int elementSize(ML::u32 dataType) { return dataType == ML::U8 ? 1 : dataType == ML::F16 ? 2 : 4; }
 
 int channelAxis(ML::u32 layout) { return layout == ML::Image::CHW ? 1 : 3; }
@@ -43,8 +30,8 @@ std::string convertValues(GraphBuilder& g, const std::string& x, ML::u32 from, M
 }  // namespace
 
 std::vector<ChannelSource> channelMapping(ML::u32 fromChannels, ML::u32 toChannels) {
-    const std::string src = channelLetters(fromChannels);
-    const std::string dst = channelLetters(toChannels);
+    const std::string src = channelsText(fromChannels);
+    const std::string dst = channelsText(toChannels);
     std::vector<ChannelSource> out;
     for (char c : dst) {
         ChannelSource s;
