@@ -32,8 +32,25 @@ private:
 };
 
 // "path/without/extension:line: message". Build files map the source root away from __FILE__.
+// Source paths are relative to the project root; build tools may still hand them over as
+// "../Util/x.cpp" (relative to the build folder) or absolute.
+inline std::string projectRelativePath(std::string path) {
+    while (path.compare(0, 2, "./") == 0 || path.compare(0, 3, "../") == 0) path.erase(0, path[1] == '/' ? 2 : 3);
+    if (!path.empty() && path[0] == '/') {
+        static const char* const tops[] = {"/Plugin/", "/Util/", "/Host/", "/Backends/", "/Tools/", "/tests/",
+                                           "/include/", "/bench/"};
+        size_t best = std::string::npos;
+        for (const char* top : tops) {
+            const size_t at = path.rfind(top);
+            if (at != std::string::npos && (best == std::string::npos || at > best)) best = at;
+        }
+        if (best != std::string::npos) path.erase(0, best + 1);
+    }
+    return path;
+}
+
 inline std::string located(const char* file, int line, const std::string& message) {
-    std::string path(file);
+    std::string path = projectRelativePath(file);
     const auto slash = path.find_last_of('/');
     const auto dot = path.find_last_of('.');
     if (dot != std::string::npos && (slash == std::string::npos || dot > slash)) path.erase(dot);
