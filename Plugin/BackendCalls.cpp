@@ -1,6 +1,6 @@
 #include "Plugin/BackendCalls.h"
 
-#include "Plugin/WideText.h"
+#include "Util/ML_WideText.h"
 
 namespace ML {
 

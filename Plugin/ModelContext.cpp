@@ -6,7 +6,7 @@
 #include "Plugin/BackendCalls.h"
 #include "Plugin/PlatformUtil.h"
 #include "Plugin/PluginLogger.h"
-#include "Plugin/WideText.h"
+#include "Util/ML_WideText.h"
 
 namespace ML {
 

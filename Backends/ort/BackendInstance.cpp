@@ -1,6 +1,6 @@
 #include "BackendInstance.h"
 
-#include "TextUtil.h"
+#include "Util/ML_WideText.h"
 
 namespace ML::OrtBackend {
 
@@ -9,7 +9,7 @@ BackendInstance::BackendInstance(std::shared_ptr<Runtime> runtime, std::shared_p
     : runtime_(std::move(runtime)),
       device_(std::move(device)),
       modelFolder_(std::move(modelFolder)),
-      modelFolderPath_(toUtf8(modelFolder_)),
+      modelFolderPath_(ML::narrow(modelFolder_)),
       logger_(logger) {}
 
 Ptr<StringT<wchar_t>> BackendInstance::getModelFolder() {

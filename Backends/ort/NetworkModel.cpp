@@ -8,7 +8,7 @@
 #include "BackendLog.h"
 #include "LoadOptions.h"
 #include "NetworkSession.h"
-#include "TextUtil.h"
+#include "Util/ML_WideText.h"
 
 namespace ML::OrtBackend {
 
@@ -62,7 +62,7 @@ NetworkModel::NetworkModel(std::shared_ptr<Runtime> runtime, std::shared_ptr<Dev
 
 Ptr<NetworkModel> NetworkModel::load(const BackendInstance& instance, const std::wstring& path,
                                      const std::string& optionsText) {
-    std::string name = toUtf8(path);
+    std::string name = ML::narrow(path);
     std::replace(name.begin(), name.end(), '\\', '/');
     if (name.empty()) throw BackendError("No network path given");
 

@@ -1,7 +1,7 @@
 // Paths cross the backend border as wide strings, whatever the process locale.
 #include <gtest/gtest.h>
 
-#include "Plugin/WideText.h"
+#include "Util/ML_WideText.h"
 
 using namespace ML;
 

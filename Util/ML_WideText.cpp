@@ -1,4 +1,4 @@
-#include "Plugin/WideText.h"
+#include "Util/ML_WideText.h"
 
 #include <algorithm>
 
