@@ -4,8 +4,14 @@
 #include <string>
 
 #include "ML/Exception.h"
+#include "Plugin/TiledExecution.h"
 
 namespace tiling_test {
+
+// srcStart, srcEnd, srcTileStart, srcTileEnd, dstStart, dstEnd, dstTileStart, dstTileEnd
+inline ML::TiledExecution::Tile1D t(int a, int b, int c, int d, int e, int f, int g, int h) {
+    return ML::TiledExecution::Tile1D{a, b, c, d, e, f, g, h};
+}
 
 // The message of the ML::Exception that f throws, after checking it is an internal plug-in error;
 // "<no exception>" when f returns.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "Plugin/PluginLogger.h"
@@ -41,20 +42,12 @@ struct TestImage {
     }
 };
 
-using U8Image = TestImage<ML::u8>;
-using F32Image = TestImage<float>;
-
-ML::u8 u8Value(int x, int y, int c) { return static_cast<ML::u8>((x * 31 + y * 7 + c * 3) & 0xff); }
-float f32Value(int x, int y, int c) { return static_cast<float>(x) * 1000.0f + static_cast<float>(y) + c * 0.25f; }
-
-template <class Img, class F>
-void fill(Img& img, F value) {
-    for (int y = img.rect.y0; y < img.rect.y1; ++y)
-        for (int x = img.rect.x0; x < img.rect.x1; ++x)
-            for (int c = 0; c < img.channels; ++c) img.at(x, y, c) = value(x, y, c);
+// Source sample values: distinct per pixel and channel.
+template <class T>
+T valueAt(int x, int y, int c) {
+    if constexpr (std::is_same_v<T, ML::u8>) return static_cast<ML::u8>((x * 31 + y * 7 + c * 3) & 0xff);
+    return static_cast<float>(x) * 1000.0f + static_cast<float>(y) + c * 0.25f;
 }
-
-Tile tileOf(const Rect& src, const Rect& srcTile) { return Tile{src, srcTile, src, srcTile}; }
 
 // Collects the lines the plug-in logs while it lives.
 class LogCapture : public ML::Logger {
@@ -76,103 +69,83 @@ private:
     ML::PluginLogger plugin;
 };
 
-TEST(BorderPadding, ShortSourceRepeatsLastColumnRowAndCorner) {
-    U8Image source(Rect{0, 0, 5, 4}, ML::Image::RGB, ML::U8, 3);
-    fill(source, u8Value);
-    U8Image tile(Rect{0, 0, 8, 6}, ML::Image::RGB, ML::U8, 3);
+struct PaddingCase {
+    const char* what;
+    bool f32, planar;
+    ML::u32 format;
+    int channels;
+    Rect sourceImage;
+    int sourceRowPad;
+    Rect tileImage;
+    int tileRowPad;
+    Rect src, srcTile;  // the tile's source rectangle and where it lands in the tile image
+    bool leftTopWarned;  // left and top padding are not done, only warned about
+};
+
+// Fills the tile image from a filled source image and checks every sample: inside the tile's
+// source rectangle a copy, right and below it the last column, row and corner repeated, left and
+// above it untouched.
+template <class T>
+void checkPadding(const PaddingCase& c) {
+    TestImage<T> source(c.sourceImage, c.format, c.f32 ? ML::F32 : ML::U8, c.channels, c.planar, c.sourceRowPad);
+    for (int y = c.sourceImage.y0; y < c.sourceImage.y1; ++y)
+        for (int x = c.sourceImage.x0; x < c.sourceImage.x1; ++x)
+            for (int ch = 0; ch < c.channels; ++ch) source.at(x, y, ch) = valueAt<T>(x, y, ch);
+    TestImage<T> tile(c.tileImage, c.format, c.f32 ? ML::F32 : ML::U8, c.channels, c.planar, c.tileRowPad);
 
     LogCapture log;
-    copySrcToTileWithBorderPadding(tileOf(Rect{0, 0, 5, 4}, Rect{0, 0, 5, 4}), source.image, tile.image);
-    for (int y = 0; y < 6; ++y)
-        for (int x = 0; x < 8; ++x)
-            for (int c = 0; c < 3; ++c)
-                ASSERT_EQ(tile.at(x, y, c), u8Value(std::min(x, 4), std::min(y, 3), c)) << x << "," << y << "," << c;
-    EXPECT_TRUE(log.lines.empty());
-}
-
-TEST(BorderPadding, SourceOffsetAndPaddedRowsF32) {
-    // Source with its own origin and padded rows; the tile reads a part that ends on the source's edge.
-    F32Image source(Rect{10, 20, 17, 26}, ML::Image::RGBA, ML::F32, 4, false, 3);
-    fill(source, f32Value);
-    F32Image tile(Rect{0, 0, 8, 8}, ML::Image::RGBA, ML::F32, 4, false, 5);
-
-    copySrcToTileWithBorderPadding(tileOf(Rect{12, 21, 17, 26}, Rect{0, 0, 5, 5}), source.image, tile.image);
-    for (int y = 0; y < 8; ++y)
-        for (int x = 0; x < 8; ++x)
-            for (int c = 0; c < 4; ++c)
-                ASSERT_EQ(tile.at(x, y, c), f32Value(12 + std::min(x, 4), 21 + std::min(y, 4), c)) << x << "," << y;
+    copySrcToTileWithBorderPadding(Tile{c.src, c.srcTile, c.src, c.srcTile}, source.image, tile.image);
+    const std::vector<std::string> warnings = {"[Quillon] [W] TODO: pad left in copySrcToTileWithBorderPadding",
+                                               "[Quillon] [W] TODO: pad top in copySrcToTileWithBorderPadding"};
+    EXPECT_EQ(log.lines, c.leftTopWarned ? warnings : std::vector<std::string>{}) << c.what;
+    for (int y = 0; y < c.tileImage.y1; ++y)
+        for (int x = 0; x < c.tileImage.x1; ++x)
+            for (int ch = 0; ch < c.channels; ++ch) {
+                const T expected = x < c.srcTile.x0 || y < c.srcTile.y0
+                                       ? T(-1)
+                                       : valueAt<T>(c.src.x0 + std::min(x - c.srcTile.x0, c.src.width() - 1),
+                                                    c.src.y0 + std::min(y - c.srcTile.y0, c.src.height() - 1), ch);
+                ASSERT_EQ(tile.at(x, y, ch), expected) << c.what << " at " << x << "," << y << "," << ch;
+            }
     // The row padding of the tile image stays untouched.
-    EXPECT_EQ(tile.pixels[8 * 4], -1.0f);
+    if (c.tileRowPad > 0 && !c.planar) {
+        EXPECT_EQ(tile.pixels[c.tileImage.width() * c.channels], T(-1)) << c.what;
+    }
 }
 
-TEST(BorderPadding, PlanarImages) {
-    F32Image source(Rect{0, 0, 3, 2}, ML::Image::RGB, ML::F32, 3, true);
-    fill(source, f32Value);
-    F32Image tile(Rect{0, 0, 4, 4}, ML::Image::RGB, ML::F32, 3, true);
-
-    copySrcToTileWithBorderPadding(tileOf(Rect{0, 0, 3, 2}, Rect{0, 0, 3, 2}), source.image, tile.image);
-    for (int c = 0; c < 3; ++c)
-        for (int y = 0; y < 4; ++y)
-            for (int x = 0; x < 4; ++x)
-                ASSERT_EQ(tile.at(x, y, c), f32Value(std::min(x, 2), std::min(y, 1), c)) << x << "," << y << "," << c;
+TEST(BorderPadding, RepeatsLastColumnRowAndCorner) {
+    const PaddingCase cases[] = {
+        {"short source, both sides", false, false, ML::Image::RGB, 3, {0, 0, 5, 4}, 0, {0, 0, 8, 6}, 0,
+         {0, 0, 5, 4}, {0, 0, 5, 4}, false},
+        {"source origin and padded rows", true, false, ML::Image::RGBA, 4, {10, 20, 17, 26}, 3, {0, 0, 8, 8}, 5,
+         {12, 21, 17, 26}, {0, 0, 5, 5}, false},
+        {"planar", true, true, ML::Image::RGB, 3, {0, 0, 3, 2}, 0, {0, 0, 4, 4}, 0, {0, 0, 3, 2}, {0, 0, 3, 2}, false},
+        {"full tile is a plain copy", false, false, ML::Image::R, 1, {0, 0, 20, 20}, 0, {0, 0, 6, 4}, 0,
+         {7, 9, 13, 13}, {0, 0, 6, 4}, false},
+        {"only right", false, false, ML::Image::RG, 2, {0, 0, 3, 5}, 0, {0, 0, 6, 5}, 0, {0, 0, 3, 5}, {0, 0, 3, 5}, false},
+        {"only bottom", false, false, ML::Image::RG, 2, {0, 0, 3, 5}, 0, {0, 0, 3, 9}, 0, {0, 0, 3, 5}, {0, 0, 3, 5}, false},
+        {"left and top left alone", false, false, ML::Image::R, 1, {0, 0, 4, 3}, 0, {0, 0, 8, 6}, 0, {0, 0, 4, 3},
+         {1, 1, 5, 4}, true},
+    };
+    for (const PaddingCase& c : cases) {
+        if (c.f32)
+            checkPadding<float>(c);
+        else
+            checkPadding<ML::u8>(c);
+    }
 }
 
-TEST(BorderPadding, FullTileIsAPlainCopy) {
-    U8Image source(Rect{0, 0, 20, 20}, ML::Image::R, ML::U8, 1);
-    fill(source, u8Value);
-    U8Image tile(Rect{0, 0, 6, 4}, ML::Image::R, ML::U8, 1);
-
-    copySrcToTileWithBorderPadding(tileOf(Rect{7, 9, 13, 13}, Rect{0, 0, 6, 4}), source.image, tile.image);
-    for (int y = 0; y < 4; ++y)
-        for (int x = 0; x < 6; ++x) ASSERT_EQ(tile.at(x, y, 0), u8Value(7 + x, 9 + y, 0));
-}
-
-TEST(BorderPadding, OnlyRightOrOnlyBottomPadding) {
-    U8Image source(Rect{0, 0, 3, 5}, ML::Image::RG, ML::U8, 2);
-    fill(source, u8Value);
-
-    U8Image wide(Rect{0, 0, 6, 5}, ML::Image::RG, ML::U8, 2);
-    copySrcToTileWithBorderPadding(tileOf(Rect{0, 0, 3, 5}, Rect{0, 0, 3, 5}), source.image, wide.image);
-    for (int y = 0; y < 5; ++y)
-        for (int x = 0; x < 6; ++x) ASSERT_EQ(wide.at(x, y, 1), u8Value(std::min(x, 2), y, 1));
-
-    U8Image tall(Rect{0, 0, 3, 9}, ML::Image::RG, ML::U8, 2);
-    copySrcToTileWithBorderPadding(tileOf(Rect{0, 0, 3, 5}, Rect{0, 0, 3, 5}), source.image, tall.image);
-    for (int y = 0; y < 9; ++y)
-        for (int x = 0; x < 3; ++x) ASSERT_EQ(tall.at(x, y, 0), u8Value(x, std::min(y, 4), 0));
-}
-
-TEST(BorderPadding, LeftAndTopAreLeftAloneWithWarnings) {
-    U8Image source(Rect{0, 0, 4, 3}, ML::Image::R, ML::U8, 1);
-    fill(source, u8Value);
-    U8Image tile(Rect{0, 0, 8, 6}, ML::Image::R, ML::U8, 1);
-
-    LogCapture log;
-    copySrcToTileWithBorderPadding(tileOf(Rect{0, 0, 4, 3}, Rect{2, 1, 6, 4}), source.image, tile.image);
-    EXPECT_EQ(log.lines, (std::vector<std::string>{"[Quillon] [W] TODO: pad left in copySrcToTileWithBorderPadding",
-                                                   "[Quillon] [W] TODO: pad top in copySrcToTileWithBorderPadding"}));
-    for (int y = 0; y < 6; ++y)
-        for (int x = 0; x < 8; ++x) {
-            const ML::u8 expected =
-                (x < 2 || y < 1) ? ML::u8(0xff) : u8Value(std::min(x - 2, 3), std::min(y - 1, 2), 0);
-            ASSERT_EQ(tile.at(x, y, 0), expected) << x << "," << y;
-        }
-}
-
-TEST(BorderPadding, TileImageMustStartAtTheOrigin) {
-    U8Image source(Rect{0, 0, 4, 4}, ML::Image::R, ML::U8, 1);
-    U8Image tile(Rect{1, 0, 9, 6}, ML::Image::R, ML::U8, 1);
-    const std::string message = tiling_test::internalErrorOf([&] {
-        copySrcToTileWithBorderPadding(tileOf(Rect{0, 0, 4, 4}, Rect{1, 0, 5, 4}), source.image, tile.image);
+TEST(BorderPadding, Errors) {
+    TestImage<ML::u8> source(Rect{0, 0, 4, 4}, ML::Image::R, ML::U8, 1);
+    TestImage<ML::u8> offTile(Rect{1, 0, 9, 6}, ML::Image::R, ML::U8, 1);
+    std::string message = tiling_test::internalErrorOf([&] {
+        copySrcToTileWithBorderPadding(Tile{Rect{0, 0, 4, 4}, Rect{1, 0, 5, 4}, {}, {}}, source.image, offTile.image);
     });
     EXPECT_TRUE(tiling_test::endsWithMessage(message, "expected tile rect to start at 0?")) << message;
-}
 
-TEST(BorderPadding, MismatchedFormatsFailInTheCopy) {
-    U8Image source(Rect{0, 0, 4, 4}, ML::Image::R, ML::U8, 1);
-    F32Image tile(Rect{0, 0, 8, 8}, ML::Image::R, ML::F32, 1);
-    const std::string message = tiling_test::internalErrorOf([&] {
-        copySrcToTileWithBorderPadding(tileOf(Rect{0, 0, 4, 4}, Rect{0, 0, 4, 4}), source.image, tile.image);
+    TestImage<float> floatTile(Rect{0, 0, 8, 8}, ML::Image::R, ML::F32, 1);
+    message = tiling_test::internalErrorOf([&] {
+        copySrcToTileWithBorderPadding(Tile{Rect{0, 0, 4, 4}, Rect{0, 0, 4, 4}, {}, {}}, source.image, floatTile.image);
     });
     EXPECT_NE(message.find("copySlice output image does not match input image format"), std::string::npos) << message;
 }
