@@ -1,50 +1,32 @@
 #pragma once
-// Helpers of the media tests: a scratch folder and test pictures.
+// Helpers of the media tests: test pictures, folder listings and failure helpers.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
 #include <algorithm>
-#include <atomic>
 #include <cmath>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <random>
+#include <fstream>
 #include <set>
 #include <string>
 
 #include "Host/Media/Frame.h"
+#include "ML/Exception.h"
+#include "util/TempDir.h"
 
 namespace QMediaTest {
 
 namespace fs = std::filesystem;
 
-// A fresh folder, removed with everything in it.
-class TempDir {
-public:
-    TempDir() {
-        static std::atomic<int> counter{0};
-        std::random_device rd;
-        path_ = fs::temp_directory_path() /
-                ("quillon-media-" + std::to_string(rd()) + "-" + std::to_string(counter.fetch_add(1)));
-        fs::create_directories(path_);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ec);
-        fs::remove_all(path_, ec);
-    }
-    const fs::path& path() const { return path_; }
-    fs::path operator/(const std::string& name) const { return path_ / name; }
-
-    // Names of everything in the folder, hidden files included.
-    std::set<std::string> entries() const {
-        std::set<std::string> names;
-        for (const auto& e : fs::directory_iterator(path_)) names.insert(e.path().filename().string());
-        return names;
-    }
-
-private:
-    fs::path path_;
-};
+// Names of everything in a folder, hidden files included.
+inline std::set<std::string> entries(const fs::path& folder) {
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(folder)) names.insert(e.path().filename().string());
+    return names;
+}
 
 // Smooth ramps per channel with a frame-dependent offset, so that frames differ.
 inline QMedia::Frame gradient(int width, int height, int channels, ML::DataType type, int seed = 0) {
@@ -52,8 +34,8 @@ inline QMedia::Frame gradient(int width, int height, int channels, ML::DataType 
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x)
             for (int c = 0; c < channels; ++c) {
-                const float v = c == 0 ? float(x) / float(width - 1 > 0 ? width - 1 : 1)
-                              : c == 1 ? float(y) / float(height - 1 > 0 ? height - 1 : 1)
+                const float v = c == 0 ? float(x) / float(std::max(width - 1, 1))
+                              : c == 1 ? float(y) / float(std::max(height - 1, 1))
                               : c == 2 ? std::fmod(0.15f * float(seed) + 0.1f, 1.0f)
                                        : 0.25f + 0.5f * float((x + y) % 2);
                 f.setSample(x, y, c, v);
@@ -61,21 +43,16 @@ inline QMedia::Frame gradient(int width, int height, int channels, ML::DataType 
     return f;
 }
 
-// Largest and mean absolute difference of all samples (as floats); frames must match in shape.
+// Largest and mean absolute difference of all samples (as floats); infinite when the shapes differ.
 struct Difference {
     float max = 0.0f;
     float mean = 0.0f;
 };
 
 inline Difference difference(const QMedia::Frame& a, const QMedia::Frame& b) {
+    if (a.width() != b.width() || a.height() != b.height() || a.channels() != b.channels())
+        return {INFINITY, INFINITY};
     Difference d;
-    EXPECT_EQ(a.width(), b.width());
-    EXPECT_EQ(a.height(), b.height());
-    EXPECT_EQ(a.channels(), b.channels());
-    if (a.width() != b.width() || a.height() != b.height() || a.channels() != b.channels()) {
-        d.max = d.mean = INFINITY;
-        return d;
-    }
     double sum = 0.0;
     for (int y = 0; y < a.height(); ++y)
         for (int x = 0; x < a.width(); ++x)
@@ -86,6 +63,17 @@ inline Difference difference(const QMedia::Frame& a, const QMedia::Frame& b) {
             }
     d.mean = float(sum / (double(a.width()) * a.height() * a.channels()));
     return d;
+}
+
+// The message of the ML::Exception that f throws; "<no exception>" when it returns.
+template <class F>
+std::string errorOf(F&& f) {
+    try {
+        f();
+    } catch (const ML::Exception& e) {
+        return e.what();
+    }
+    return "<no exception>";
 }
 
 // True when the ffmpeg command-line tool can be run.
@@ -99,18 +87,23 @@ inline bool runFfmpeg(const std::string& args) {
     return std::system(("ffmpeg -nostdin -v error -y " + args + " > /dev/null 2>&1").c_str()) == 0;
 }
 
-// Writes `text` as a file.
-void writeText(const fs::path& path, const std::string& text);
+inline void writeText(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 // Lowers the largest file this process may write until destroyed, so that writers fail
 // part-way as on a full disk.
 class FileSizeLimit {
 public:
-    explicit FileSizeLimit(long bytes);
-    ~FileSizeLimit();
+    explicit FileSizeLimit(long bytes) {
+        std::signal(SIGXFSZ, SIG_IGN);  // a write past the limit fails instead of killing us
+        getrlimit(RLIMIT_FSIZE, &previous_);
+        rlimit limit = previous_;
+        limit.rlim_cur = static_cast<rlim_t>(bytes);
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &previous_); }
 
 private:
-    long long previous_;
+    rlimit previous_{};
 };
 
 }  // namespace QMediaTest
