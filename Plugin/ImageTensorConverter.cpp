@@ -41,6 +41,15 @@ Ptr<Image> makeDescription(i32 height, i32 width, u32 channelFormat, u32 memoryL
     return Ptr<Image>(new ImageImp(Rect{0, 0, width, height}, channelFormat, memoryLayout, dataType));
 }
 
+namespace {
+// A region without pixels has nothing to convert; refusing it here keeps zero-sized tensors and
+// scratch buffers away from the backend.
+void checkNotEmpty(const Image& image, const char* role) {
+    const Rect rect = image.getRect();
+    if (rect.isEmpty()) ML_THROW(std::string("Cannot convert an empty ") + role + " " + rect.toString());
+}
+}  // namespace
+
 ImageTensorConverter::ImageTensorConverter(std::shared_ptr<ModelContext> context)
     : ImageTensorResizer(context), modelContext(context), imageScratch(context), imageCopyScratch(context),
       conversionScratch(context) {}
@@ -82,6 +91,8 @@ Ptr<Image> ImageTensorConverter::packedImage(const Ptr<Image>& hostImage, u64 ba
 
 void ImageTensorConverter::hostImageToTensor(const Ptr<Image>& hostImage, const Ptr<Image>& description,
                                              const std::shared_ptr<BackendTensor>& tensor) {
+    checkNotEmpty(*hostImage, "host image");
+    checkNotEmpty(*description, "tensor description");
     checkTensorMatchesImage(*description, *tensor);
     const u64 batch = tensor->getShape()[0];
     Ptr<Image> image = packedImage(hostImage, batch);
@@ -102,6 +113,8 @@ void ImageTensorConverter::hostImageToTensor(const Ptr<Image>& hostImage, const 
 void ImageTensorConverter::tensorToHostImage(const Ptr<Image>& description,
                                              const std::shared_ptr<BackendTensor>& tensor,
                                              const Ptr<Image>& hostImage) {
+    checkNotEmpty(*description, "tensor description");
+    checkNotEmpty(*hostImage, "host image");
     checkTensorMatchesImage(*description, *tensor);
     const u64 batch = tensor->getShape()[0];
     Ptr<Image> image = packedImage(hostImage, batch);
@@ -124,6 +137,8 @@ void ImageTensorConverter::tensorToTensor(const Ptr<Image>& sourceDescription,
                                           const std::shared_ptr<BackendTensor>& sourceTensor,
                                           const Ptr<Image>& destinationDescription,
                                           const std::shared_ptr<BackendTensor>& destinationTensor) {
+    checkNotEmpty(*sourceDescription, "tensor description");
+    checkNotEmpty(*destinationDescription, "tensor description");
     checkTensorMatchesImage(*sourceDescription, *sourceTensor);
     checkTensorMatchesImage(*destinationDescription, *destinationTensor);
     const Rect sourceRect = sourceDescription->getRect();
@@ -161,6 +176,7 @@ void ImageTensorConverter::tensorToTensor(const Ptr<Image>& sourceDescription,
 }
 
 void ImageTensorConverter::hostImageToHostImage(const Ptr<Image>& sourceImage, const Ptr<Image>& destinationImage) {
+    checkNotEmpty(*sourceImage, "host image");
     Ptr<Image> packed = packedImage(sourceImage, 1);
     if (packed != sourceImage) copySlice(sourceImage, packed, sourceImage->getRect(), sourceImage->getRect());
     std::shared_ptr<BackendTensor> tensor =

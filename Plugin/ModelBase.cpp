@@ -2,7 +2,11 @@
 
 namespace ML {
 
-Rect readROI(Host* host, u64 call, u32 frame) { return checkResult(host->getROI(call, frame)); }
+Rect readROI(Host* host, u64 call, u32 frame) {
+    const Rect roi = checkResult(host->getROI(call, frame));
+    if (roi.isEmpty()) ML_THROW_HOST("Empty region of interest " + roi.toString() + " for frame " + std::to_string(frame));
+    return roi;
+}
 
 Ptr<Image> readOutputImage(Host* host, u64 call, u32 frame, i32 id) {
     return checkResult(host->getOutputImage(call, frame, ResourceId{id, -1}));

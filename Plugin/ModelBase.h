@@ -47,6 +47,7 @@ std::shared_ptr<State> getTempState(std::unordered_map<std::string, std::shared_
 }
 
 // Shared checks of RenderState constructors.
+// The host's region of interest; an empty one is the host's error ("Empty region of interest ...").
 Rect readROI(Host* host, u64 call, u32 frame);
 Ptr<Image> readOutputImage(Host* host, u64 call, u32 frame, i32 id);
 // "Output rect ... must cover ROI rect ... for frame ..."

@@ -1,5 +1,7 @@
 #include "Plugin/MultiTensor.h"
 
+#include <algorithm>
+
 #include "ML/ImageImp.h"
 
 namespace ML {
@@ -7,9 +9,10 @@ namespace ML {
 std::shared_ptr<BackendTensor> MultiTensor::acquire(const std::vector<u64>& shape, u32 dataType) {
     u64 bytes = bytesPerElement(dataType);
     for (u64 extent : shape) bytes *= extent;
-    if (bytes > capacity) {
-        backing = modelContext->createTensor({bytes}, U8);
-        capacity = bytes;
+    if (!backing || bytes > capacity) {
+        // At least one byte, so that even a zero-sized view has a backing tensor behind it.
+        backing = modelContext->createTensor({std::max<u64>(bytes, 1)}, U8);
+        capacity = std::max<u64>(bytes, 1);
     }
     return backing->view(shape, dataType);
 }

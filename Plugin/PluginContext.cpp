@@ -225,7 +225,7 @@ void PluginContext::unload(Host* host, u64 call) {
 // ---- Query functions, called by the host outside mlMain -------------------------------------
 
 namespace {
-PluginContext* context() { return g_pluginContext.get(); }
+PluginContext* context() { return g_pluginContext; }
 }  // namespace
 
 int PluginContext::getNumBackends() { return context() ? static_cast<int>(context()->backends.size()) : 0; }

@@ -3,17 +3,9 @@
 namespace ML {
 
 Logger* g_hostLogger = nullptr;
+// Never freed: the backend keeps a pointer to it for its own log lines, and those may come as late
+// as the process's exit. The library is linked so that it stays mapped after dlclose.
 PluginLogger* g_pluginLogger = nullptr;
-
-namespace {
-// The logger lives as long as the library: mlShutdown keeps it, unloading the library frees it.
-struct LoggerRelease {
-    ~LoggerRelease() {
-        delete g_pluginLogger;
-        g_pluginLogger = nullptr;
-    }
-} loggerRelease;
-}  // namespace
 
 void PluginLogger::log(Ptr<StringT<char>> text) {
     if (Logger* host = g_hostLogger) host->log(text);

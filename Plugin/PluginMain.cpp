@@ -11,7 +11,7 @@
 
 namespace ML {
 
-std::unique_ptr<PluginContext> g_pluginContext;
+PluginContext* g_pluginContext = nullptr;
 
 namespace {
 
@@ -31,7 +31,7 @@ void initialise(Host* host, u64 call, int mode) {
         logInfo(std::string("Initializing.. Build ID: ") + QUILLON_BUILD_ID);
         const std::filesystem::path dataFolder(toStd(host->getStringParam(call, 1, 0)));
         const std::filesystem::path auxFolder(toStd(host->getStringParam(call, 2, 0)));
-        g_pluginContext = std::make_unique<PluginContext>(dataFolder, auxFolder);
+        g_pluginContext = new PluginContext(dataFolder, auxFolder);
     }
 }
 
@@ -99,6 +99,7 @@ extern "C" ML::i32 mlMain(ML::Host* host, ML::u64 call) {
 
 extern "C" ML::i32 mlShutdown() {
     std::lock_guard<std::mutex> lock(ML::g_mutex);
-    ML::g_pluginContext.reset();
+    delete ML::g_pluginContext;
+    ML::g_pluginContext = nullptr;
     return 0;
 }

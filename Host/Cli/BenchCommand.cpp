@@ -36,8 +36,8 @@ double renderOnce(Session& session, int model, const ML::Ptr<QHost::OwnedImage>&
         settings->setMode(mode);
         const int result = session.run(settings);
         if (result != 0)
-            throw CliError(exitCodeForResult(result), "render through the plug-in failed (result " +
-                                                          std::to_string(result) + "): " + session.lastPluginError());
+            throw CliError::because(exitCodeForResult(result), "render through the plug-in failed",
+                                    session.lastPluginError());
     }
     return seconds(start);
 }
@@ -119,7 +119,7 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     try {
         direct = runDirect(file, picture, tileW, tileH, o.benchFrames);
     } catch (const Ort::Exception& e) {
-        throw CliError(EXIT_BACKEND, "cannot run " + file.string() + " with ONNX Runtime: " + e.what());
+        throw CliError::because(EXIT_BACKEND, "cannot run " + file.string() + " with ONNX Runtime", e, file.string());
     }
 
     const double perPlugin = plugin / o.benchFrames * 1000.0;

@@ -24,7 +24,7 @@ void writeBufferFile(const std::filesystem::path& path, const std::string& bytes
         }
         file.commit();
     } catch (const std::exception& e) {
-        throw CliError(EXIT_HOST, "cannot write " + path.string() + ": " + e.what());
+        throw CliError::because(EXIT_HOST, "cannot write " + path.string(), e, path.string());
     }
 }
 

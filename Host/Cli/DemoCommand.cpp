@@ -20,7 +20,7 @@ int runDemo(const Options& o, std::ostream& out, std::ostream& err) {
             std::filesystem::create_directories(package);
             qpkg::writeDefaultPackage(package, false);
         } catch (const std::exception& e) {
-            throw CliError(EXIT_HOST, "cannot make the model package in " + package.string() + ": " + e.what());
+            throw CliError::because(EXIT_HOST, "cannot make the model package in " + package.string(), e);
         }
     }
 
@@ -28,13 +28,13 @@ int runDemo(const Options& o, std::ostream& out, std::ostream& err) {
     try {
         std::filesystem::create_directories(dir);
     } catch (const std::exception& e) {
-        throw CliError(EXIT_HOST, "cannot make the folder " + dir.string() + ": " + e.what());
+        throw CliError::because(EXIT_HOST, "cannot make the folder " + dir.string(), e);
     }
     const auto sample = dir / "sample.png";
     try {
         QMedia::writeImage(sample, makeSampleImage(640, 360));
     } catch (const std::exception& e) {
-        throw CliError(EXIT_HOST, "cannot write " + sample.string() + ": " + e.what());
+        throw CliError::because(EXIT_HOST, "cannot write " + sample.string(), e, sample.string());
     }
 
     Options render = o;

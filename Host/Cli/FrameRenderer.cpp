@@ -73,10 +73,11 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame) {
         const int result = session_.run(settings);
         if (result == 1 || (result == 0 && interrupted())) throw CliError(EXIT_CANCELLED, "cancelled");
         if (result != 0) {
+            const std::string what = "frame " + std::to_string(frame) + ": " + targetName(request_.target) + " failed";
             const std::string why = session_.lastPluginError();
-            throw CliError(exitCodeForResult(result), "frame " + std::to_string(frame) + ": " +
-                                                          targetName(request_.target) + " failed (result " +
-                                                          std::to_string(result) + ")" + (why.empty() ? "" : ": " + why));
+            const std::string detail = "plug-in result " + std::to_string(result) + (why.empty() ? "" : ": " + why);
+            if (why.empty()) throw CliError(exitCodeForResult(result), what, detail);
+            throw CliError(exitCodeForResult(result), what + ": " + plainReason(why), detail);
         }
     }
 

@@ -15,7 +15,7 @@ std::string text(const std::function<ML::Ptr<ML::StringT<char>>()>& query) {
     try {
         return ML::toStd(query());
     } catch (const std::exception& e) {
-        return std::string("<") + e.what() + ">";
+        return "<" + plainReason(e.what()) + ">";
     }
 }
 

@@ -4,6 +4,7 @@
 
 #include "Host/Cli/CliError.h"
 #include "Host/Cli/Commands.h"
+#include "Host/Media/MediaLog.h"
 
 namespace QCli {
 
@@ -73,10 +74,22 @@ video only when all its frames are written.
 )";
 }
 
+namespace {
+// The one plain line a user reads; with -v also the internal text behind it.
+int reportFailure(const std::string& message, const std::string& detail, int verbosity, int exitCode) {
+    std::cerr << "quillon: error: " << message << "\n";
+    if (verbosity > 0 && !detail.empty()) std::cerr << "quillon: detail: " << detail << "\n";
+    return exitCode;
+}
+}  // namespace
+
 int runMain(int argc, char** argv) {
     std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + argc);
+    int verbosity = 0;
     try {
         const Options options = parseArguments(args);
+        verbosity = options.verbosity;
+        QMedia::setLogVerbosity(verbosity);
         switch (options.command) {
             case Command::Help: std::cout << helpText(); return EXIT_OK;
             case Command::List: return runList(options, std::cout, std::cerr);
@@ -89,11 +102,10 @@ int runMain(int argc, char** argv) {
         std::cerr << "quillon: error: " << e.what() << " (see 'quillon --help')\n";
         return e.exitCode();
     } catch (const CliError& e) {
-        std::cerr << "quillon: error: " << e.what() << "\n";
-        return e.exitCode();
+        return reportFailure(e.what(), e.detail(), verbosity, e.exitCode());
     } catch (const std::exception& e) {
-        std::cerr << "quillon: error: " << e.what() << "\n";
-        return EXIT_FAILURE_OTHER;
+        const std::string plain = plainReason(e.what());
+        return reportFailure(plain, plain == e.what() ? "" : e.what(), verbosity, EXIT_FAILURE_OTHER);
     }
 }
 

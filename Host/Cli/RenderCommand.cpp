@@ -31,7 +31,7 @@ std::unique_ptr<QMedia::MediaSource> openInput(const std::filesystem::path& path
     try {
         return QMedia::MediaSource::open(path);
     } catch (const std::exception& e) {
-        throw CliError(EXIT_HOST, "cannot read input " + path.string() + ": " + e.what());
+        throw CliError::because(EXIT_HOST, "cannot read input " + path.string(), e, path.string());
     }
 }
 
@@ -57,7 +57,7 @@ std::unique_ptr<QMedia::MediaSink> createOutput(const std::filesystem::path& pat
     try {
         return QMedia::MediaSink::create(path, options);
     } catch (const std::exception& e) {
-        throw CliError(EXIT_HOST, "cannot write output " + path.string() + ": " + e.what());
+        throw CliError::because(EXIT_HOST, "cannot write output " + path.string(), e, path.string());
     }
 }
 
@@ -69,7 +69,7 @@ void checkBufferOutputs(const std::vector<BufferOutput>& buffers, const QMedia::
         try {
             QMedia::checkOutputFolder(bufferPathFor(b.path, frames.first));
         } catch (const std::exception& e) {
-            throw CliError(EXIT_HOST, "cannot write " + b.path.string() + ": " + e.what());
+            throw CliError::because(EXIT_HOST, "cannot write " + b.path.string(), e, b.path.string());
         }
     }
 }
@@ -78,8 +78,8 @@ QMedia::Frame readFrame(QMedia::MediaSource& source, int frame) {
     try {
         return source.read(frame);
     } catch (const std::exception& e) {
-        throw CliError(EXIT_HOST, "cannot read frame " + std::to_string(frame) + " of " + source.path().string() + ": " +
-                                      e.what());
+        throw CliError::because(EXIT_HOST, "cannot read frame " + std::to_string(frame) + " of " + source.path().string(), e,
+                                source.path().string());
     }
 }
 
@@ -94,8 +94,8 @@ void writeFrame(QMedia::MediaSink& sink, int frame, const QMedia::Frame& pixels)
     try {
         sink.write(frame, pixels);
     } catch (const std::exception& e) {
-        throw CliError(EXIT_HOST, "cannot write frame " + std::to_string(frame) + " to " + sink.path().string() + ": " +
-                                      e.what());
+        throw CliError::because(EXIT_HOST, "cannot write frame " + std::to_string(frame) + " to " + sink.path().string(), e,
+                                sink.path().string());
     }
 }
 
@@ -103,7 +103,7 @@ void finishOutput(QMedia::MediaSink& sink) {
     try {
         sink.finish();
     } catch (const std::exception& e) {
-        throw CliError(EXIT_HOST, "cannot complete " + sink.path().string() + ": " + e.what());
+        throw CliError::because(EXIT_HOST, "cannot complete " + sink.path().string(), e, sink.path().string());
     }
 }
 

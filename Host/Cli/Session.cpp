@@ -1,7 +1,5 @@
 #include "Host/Cli/Session.h"
 
-#include <dlfcn.h>
-
 #include <algorithm>
 
 #include "Host/Cli/CliError.h"
@@ -30,12 +28,8 @@ Session::Session(const SessionConfig& config, std::ostream& log)
     try {
         library_ = std::make_unique<QHost::PluginLibrary>(plugin);
     } catch (const std::exception& e) {
-        throw CliError(EXIT_HOST, std::string("cannot load the plug-in: ") + e.what());
+        throw CliError::because(EXIT_HOST, "cannot load the plug-in", e);
     }
-    // The plug-in keeps its logger for the life of the process, past mlShutdown. A second
-    // reference keeps the library mapped until the process ends, so that this logger stays
-    // reachable instead of being cut loose by the unload at the end of the command.
-    dlopen(plugin.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NOLOAD);
 }
 
 Session::~Session() {
@@ -57,8 +51,10 @@ void Session::publishTables() {
     const int result = library_->publishQueryTables(*host_, newSettings(2, 0));
     if (result != 0 || !library_->queryFunctions() || !library_->paramFunctions()) {
         const std::string why = lastPluginError();
-        throw CliError(result != 0 ? exitCodeForResult(result) : EXIT_FAILURE_OTHER,
-                       "the plug-in did not publish its query tables" + (why.empty() ? "" : ": " + why));
+        const int code = result != 0 ? exitCodeForResult(result) : EXIT_FAILURE_OTHER;
+        const std::string what = "the plug-in did not publish its query tables";
+        if (why.empty()) throw CliError(code, what);
+        throw CliError::because(code, what, why);
     }
 }
 

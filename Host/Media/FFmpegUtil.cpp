@@ -1,5 +1,6 @@
 #include "Host/Media/FFmpegUtil.h"
 
+#include <atomic>
 #include <mutex>
 
 extern "C" {
@@ -7,6 +8,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "Host/Media/MediaLog.h"
 #include "ML/Exception.h"
 
 namespace QMedia::ff {
@@ -17,10 +19,29 @@ std::string errorText(int code) {
     return text;
 }
 
+namespace {
+std::atomic<bool> levelChosen{false};
+}  // namespace
+
 void quietLogging() {
     static std::once_flag once;
-    std::call_once(once, [] { av_log_set_level(AV_LOG_ERROR); });
+    std::call_once(once, [] {
+        if (!levelChosen) av_log_set_level(AV_LOG_QUIET);
+    });
 }
+
+}  // namespace QMedia::ff
+
+namespace QMedia {
+
+void setLogVerbosity(int verbosity) {
+    ff::levelChosen = true;
+    av_log_set_level(verbosity >= 2 ? AV_LOG_WARNING : verbosity == 1 ? AV_LOG_ERROR : AV_LOG_QUIET);
+}
+
+}  // namespace QMedia
+
+namespace QMedia::ff {
 
 FramePtr allocFrame() {
     FramePtr f(av_frame_alloc());

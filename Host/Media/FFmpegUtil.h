@@ -15,7 +15,7 @@ namespace QMedia::ff {
 // FFmpeg's text for an error code.
 std::string errorText(int code);
 
-// Turns FFmpeg's own console output down to errors, once per process.
+// Silences FFmpeg's own console output, once per process, unless setLogVerbosity chose a level.
 void quietLogging();
 
 struct InputCloser {

@@ -14,6 +14,8 @@ struct Rect {
 
     i32 width() const { return x1 - x0; }
     i32 height() const { return y1 - y0; }
+    // No pixels: zero or negative width or height.
+    bool isEmpty() const { return x1 <= x0 || y1 <= y0; }
     bool operator==(const Rect& o) const { return x0 == o.x0 && y0 == o.y0 && x1 == o.x1 && y1 == o.y1; }
     bool operator!=(const Rect& o) const { return !(*this == o); }
     // "(x0,y0->x1,y1)"

@@ -10,6 +10,7 @@
 #include "CliTestUtil.h"
 #include "Host/Cli/ExitCodes.h"
 #include "Host/Media/ImageWriter.h"
+#include "Host/Media/MediaSink.h"
 #include "util/TempDir.h"
 
 using namespace CliTest;
@@ -104,4 +105,41 @@ TEST_F(CliErrorPath, MissingPackage) {
     const std::string command = quote(std::filesystem::path(QUILLON_BIN_DIR) / "quillon") + " --package " +
                                 quote(dir / "nopackage") + " list 2>&1";
     EXPECT_EQ(WEXITSTATUS(std::system(command.c_str())), QCli::EXIT_HOST);
+}
+
+// What a user reads is one plain line: no result codes, no "PLUGIN/INTERNAL", no source
+// locations. Those come with -v, on a line of their own.
+TEST_F(CliErrorPath, ErrorsArePlainAndDetailsComeWithVerbose) {
+    std::ofstream(dir / "junk.png") << "not a picture";
+    const std::string command = "render -t depth -i " + quote(dir / "junk.png") + " -o " + out("d.exr");
+    RunResult plain = expectFailure(command, QCli::EXIT_HOST, "cannot read input " + (dir / "junk.png").string() + ": ");
+    for (const char* internal : {"PLUGIN/", "INTERNAL", "Host/Media/", "quillon: detail: "})
+        EXPECT_EQ(plain.output.find(internal), std::string::npos) << internal << " in " << plain.output;
+    expectFailure(command + " -v", QCli::EXIT_HOST, "quillon: detail: PLUGIN/INTERNAL: Host/Media/");
+}
+
+// A damaged video: FFmpeg's own decoder complaints stay off the terminal unless -vv asks for them.
+TEST_F(CliErrorPath, DecoderWarningsOnlyWithDoubleVerbose) {
+    {
+        QMedia::MediaSinkOptions options;
+        auto sink = QMedia::MediaSink::create(dir / "clip.avi", options);
+        for (int f = 0; f < 12; ++f) {
+            QMedia::Frame noise(64, 48, 3, ML::U8);
+            for (size_t i = 0; i < noise.byteSize(); ++i) noise.data()[i] = static_cast<std::uint8_t>(i * 2654435761u >> (f % 7 + 8));
+            sink->write(f, noise);
+        }
+        sink->finish();
+    }
+    std::string bytes;
+    {
+        std::ifstream file(dir / "clip.avi", std::ios::binary);
+        bytes.assign(std::istreambuf_iterator<char>(file), {});
+    }
+    for (size_t i = bytes.size() / 3; i < bytes.size() * 2 / 3; i += 5) bytes[i] = static_cast<char>(bytes[i] * 7 + 3);
+    std::ofstream(dir / "clip.avi", std::ios::binary) << bytes;
+
+    const std::string command = "render -t depth -i " + quote(dir / "clip.avi") + " -o " + quote(dir / "d.%04d.exr");
+    const std::string decoderLine = " @ 0x";  // "[codec @ 0x...] complaint"
+    EXPECT_EQ(runQuillon(command).output.find(decoderLine), std::string::npos);
+    EXPECT_NE(runQuillon(command + " -vv").output.find(decoderLine), std::string::npos);
 }

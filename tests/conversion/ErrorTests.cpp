@@ -104,6 +104,27 @@ TEST_F(ConversionErrors, ResizerNeedsOneFormat) {
     EXPECT_TRUE(converter->loadedResizeNetworks().empty());
 }
 
+TEST_F(ConversionErrors, EmptyImagesAreRefusedBeforeTheBackendIsAsked) {
+    // A fresh converter: its scratch tensors have never been allocated.
+    const ML::Rect empty{3, 3, 3, 7};
+    auto description = describe(2, 2, Image::RGB, Image::CHW, ML::F32);
+    auto hostImage = asImage(makeU8Image(empty, Image::RGB, Image::HWC));
+    const std::string message = "Cannot convert an empty host image (3,3->3,7)";
+    expectPluginError([&] { converter->hostImageToTensor(hostImage, description, tensor({1, 3, 2, 2}, ML::F32)); },
+                      message);
+    expectPluginError([&] { converter->tensorToHostImage(description, tensor({1, 3, 2, 2}, ML::F32), hostImage); },
+                      message);
+    expectPluginError([&] { converter->hostImageToHostImage(hostImage, asImage(makeU8Image({0, 0, 2, 2}, Image::RGB, Image::HWC))); },
+                      message);
+    expectPluginError(
+        [&] {
+            converter->tensorToTensor(describe(0, 2, Image::RGB, Image::CHW, ML::F32), tensor({1, 3, 0, 2}, ML::F32),
+                                      description, tensor({1, 3, 2, 2}, ML::F32));
+        },
+        "Cannot convert an empty tensor description (0,0->2,0)");
+    EXPECT_TRUE(converter->loadedConversionNetworks().empty());
+}
+
 TEST_F(ConversionErrors, ValuesOutsideTheTables) {
     expectPluginError([] { ML::shapeOfImage(RawDescription(Image::RGB, 7, ML::F32), 1); }, "Unexpected memory layout");
     expectPluginError([] { ML::shapeOfImage(2, 2, Image::RGB, 2, 1); }, "Unexpected memory layout");

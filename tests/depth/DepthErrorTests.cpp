@@ -122,6 +122,23 @@ TEST_F(DepthErrors, InputSmallerThanRoiIsRefused) {
                                        " for frame 5"));
 }
 
+TEST_F(DepthErrors, EmptyRegionIsTheHostsErrorInBothRenderModes) {
+    for (const Rect empty : {Rect{0, 0, 0, 0}, Rect{10, 5, 10, 60}, Rect{10, 60, 90, 5}}) {
+        for (int mode : {3, 4}) {
+            SCOPED_TRACE(empty.toString() + " mode " + std::to_string(mode));
+            host().logger().clear();
+            settings->setMode(mode);
+            settings->setRoi(kFrame, empty);
+            ImagePtr depth = filledImage(rect, Image::R, Image::HWC, ML::F32, kSentinel);
+            settings->setOutputImage(kFrame, depth);
+            EXPECT_EQ(render(), ML::STATUS_HOST);
+            EXPECT_THAT(errorLine(), HasSubstr("Empty region of interest " + empty.toString() + " for frame 5"));
+            expectNoInputRequested();
+            expectUntouched(*depth);
+        }
+    }
+}
+
 TEST_F(DepthErrors, PlanarOutputNeedsTheWholeImageAsRegion) {
     ImagePtr depth = filledImage(rect, Image::R, Image::CHW, ML::F32, kSentinel);
     settings->setOutputImage(kFrame, depth);
