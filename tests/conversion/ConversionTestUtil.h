@@ -1,15 +1,14 @@
 #pragma once
 // Shared pieces of the converter tests: one CPU backend over the default package per test
-// program, host images filled with known patterns, plain C++ references for the helper
-// networks' arithmetic, and a logger that keeps its lines.
+// program, host images and tensors filled with known patterns and read back as float planes,
+// and plain C++ references for the helper networks' arithmetic.
 #include <gtest/gtest.h>
 
 #include <Imath/half.h>
 
 #include <algorithm>
 #include <cmath>
-#include <cstdint>
-#include <filesystem>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -19,10 +18,10 @@
 #include "ML/Exception.h"
 #include "Plugin/ImageTensorConverter.h"
 #include "Plugin/ModelContext.h"
-#include "Plugin/PluginLogger.h"
 
 namespace ConversionTest {
 
+using ML::Image;
 using ML::u32;
 using ML::u64;
 using ML::u8;
@@ -30,15 +29,13 @@ using Owned = ML::Ptr<QHost::OwnedImage>;
 
 inline std::filesystem::path packageDir() { return QUILLON_TEST_PACKAGE_DIR; }
 
-inline std::shared_ptr<ML::ModelContext> openPackageBackend() {
-    return std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir() / "config", packageDir() / "models");
-}
-
 // One backend per test suite; every test builds its own converter on it.
 class ConverterTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        if (!sharedContext) sharedContext = openPackageBackend();
+        if (!sharedContext)
+            sharedContext = std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir() / "config",
+                                                               packageDir() / "models");
     }
     static void TearDownTestSuite() { sharedContext.reset(); }
     void SetUp() override { converter = std::make_unique<ML::ImageTensorConverter>(sharedContext); }
@@ -51,9 +48,9 @@ protected:
     std::unique_ptr<ML::ImageTensorConverter> converter;
 };
 
-inline ML::Ptr<ML::Image> asImage(const Owned& image) { return ML::Ptr<ML::Image>(image.get()); }
+inline ML::Ptr<Image> asImage(const Owned& image) { return ML::Ptr<Image>(image.get()); }
 
-inline ML::Ptr<ML::Image> describe(int height, int width, u32 format, u32 layout, u32 type) {
+inline ML::Ptr<Image> describe(int height, int width, u32 format, u32 layout, u32 type) {
     return ML::makeDescription(height, width, format, layout, type);
 }
 
@@ -82,26 +79,44 @@ inline std::vector<u8> bytesOf(const void* data, u64 size) {
     return std::vector<u8>(p, p + size);
 }
 
-inline float u8ToFloat(u8 v) { return static_cast<float>(v) / 255.0f; }
-
 inline u8 floatToU8(float v) {
     if (std::isnan(v)) return 0;
     const float scaled = std::nearbyint(v * 255.0f);  // default rounding mode: ties to even
     return static_cast<u8>(std::clamp(scaled, 0.0f, 255.0f));
 }
 
-// A planar float image: plane c, row y, column x.
+// What a value becomes when stored as an element of the given type, as float (U8 as 0..1).
+inline float quantise(float v, u32 type) {
+    if (type == ML::U8) return floatToU8(v) / 255.0f;
+    if (type == ML::F16) return float(Imath::half(v));
+    return v;
+}
+
+// One element at p as float (U8 as 0..1), and the other way.
+inline float readElement(const void* p, u32 type) {
+    if (type == ML::U8) return *static_cast<const u8*>(p) / 255.0f;
+    if (type == ML::F16) return float(*static_cast<const Imath::half*>(p));
+    return *static_cast<const float*>(p);
+}
+inline void writeElement(void* p, u32 type, float v) {
+    if (type == ML::U8) *static_cast<u8*>(p) = floatToU8(v);
+    else if (type == ML::F16) *static_cast<Imath::half*>(p) = Imath::half(v);
+    else *static_cast<float*>(p) = v;
+}
+inline size_t elementBytes(u32 type) { return type == ML::U8 ? 1 : type == ML::F16 ? 2 : 4; }
+
+// Float planes: plane p (image b, channel c of C is plane b * C + c), row y, column x.
 struct Planes {
-    int channels = 0, height = 0, width = 0;
+    int planes = 0, height = 0, width = 0;
     std::vector<float> values;
-    Planes(int c, int h, int w) : channels(c), height(h), width(w), values(static_cast<size_t>(c * h * w)) {}
-    float& at(int c, int y, int x) { return values[static_cast<size_t>((c * height + y) * width + x)]; }
-    float at(int c, int y, int x) const { return values[static_cast<size_t>((c * height + y) * width + x)]; }
+    Planes(int p, int h, int w) : planes(p), height(h), width(w), values(static_cast<size_t>(p * h * w)) {}
+    float& at(int p, int y, int x) { return values[static_cast<size_t>((p * height + y) * width + x)]; }
+    float at(int p, int y, int x) const { return values[static_cast<size_t>((p * height + y) * width + x)]; }
 };
 
 // Bilinear resampling with half-pixel centres and clamped edges, no antialiasing.
 inline Planes bilinear(const Planes& in, int height, int width) {
-    Planes out(in.channels, height, width);
+    Planes out(in.planes, height, width);
     auto source = [](int o, int inSize, int outSize, int& i0, int& i1, float& t) {
         float s = (static_cast<float>(o) + 0.5f) * static_cast<float>(inSize) / static_cast<float>(outSize) - 0.5f;
         s = std::clamp(s, 0.0f, static_cast<float>(inSize - 1));
@@ -117,10 +132,10 @@ inline Planes bilinear(const Planes& in, int height, int width) {
             int x0, x1;
             float tx;
             source(x, in.width, width, x0, x1, tx);
-            for (int c = 0; c < in.channels; ++c) {
-                const float top = in.at(c, y0, x0) * (1 - tx) + in.at(c, y0, x1) * tx;
-                const float bottom = in.at(c, y1, x0) * (1 - tx) + in.at(c, y1, x1) * tx;
-                out.at(c, y, x) = top * (1 - ty) + bottom * ty;
+            for (int p = 0; p < in.planes; ++p) {
+                const float top = in.at(p, y0, x0) * (1 - tx) + in.at(p, y0, x1) * tx;
+                const float bottom = in.at(p, y1, x0) * (1 - tx) + in.at(p, y1, x1) * tx;
+                out.at(p, y, x) = top * (1 - ty) + bottom * ty;
             }
         }
     }
@@ -141,29 +156,5 @@ inline void expectPluginError(const std::function<void()>& fn, const std::string
             << "got: " << what << "\nexpected to end with: " << tail;
     }
 }
-
-inline std::vector<std::string> sorted(std::vector<std::string> names) {
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-// Keeps every line the plug-in logs while it is alive.
-class KeptLog : public ML::Logger {
-public:
-    KeptLog() : plugin(3) {
-        ML::g_hostLogger = this;
-        ML::g_pluginLogger = &plugin;
-    }
-    ~KeptLog() override {
-        ML::g_pluginLogger = nullptr;
-        ML::g_hostLogger = nullptr;
-    }
-    ML::i32 getLogLevel() override { return 3; }
-    void log(ML::Ptr<ML::StringT<char>> text) override { lines.push_back(ML::toStd(text)); }
-    std::vector<std::string> lines;
-
-private:
-    ML::PluginLogger plugin;
-};
 
 }  // namespace ConversionTest

@@ -1,0 +1,261 @@
+// Moving pixels between host images and tensors: layouts, element types, channel formats, sizes,
+// padded rows and views, with the helper networks each change runs, against plain C++ references.
+#include "ConversionTestUtil.h"
+#include "Util/ML_Util.h"
+
+using namespace ConversionTest;
+
+namespace {
+
+class Conversion : public ConverterTest {};
+
+// One side of a conversion: a host image (converted through a view of region when that is not
+// the whole image) or a tensor of the whole rectangle's size.
+struct End {
+    bool host;
+    ML::Rect whole;
+    u32 format, layout, type;
+    u32 rowPadding = 0;
+    ML::Rect region = {};  // empty: the whole image
+
+    ML::Rect used() const { return region.width() > 0 ? region : whole; }
+    int channels() const { return static_cast<int>(ML::shapeOfImage(1, 1, format, Image::CHW, 1)[1]); }
+    ML::Ptr<Image> description() const { return describe(used().height(), used().width(), format, layout, type); }
+};
+
+struct Case {
+    const char* what;
+    End from, to;
+    std::vector<int> channelMap;  // source channel of each target channel; -1: opaque alpha
+    std::vector<std::string> conversions, resizes;
+    float tolerance = 1e-6f;
+    int batch = 1;
+    std::vector<float> values = {};  // source values instead of the pattern
+    long staging = -1;               // expected staging capacity; -1: not checked
+};
+
+// Source samples: spread over 0..1 (and a little beyond for float elements).
+float pattern(int plane, int y, int x, u32 type) {
+    const int v = (x * 37 + y * 101 + plane * 59 + 13) & 0xFF;
+    return type == ML::U8 ? v / 255.0f : v / 200.0f - 0.1f;
+}
+
+// Index of element (plane, y, x) in a tensor of C channels.
+size_t tensorIndex(const End& e, int plane, int y, int x) {
+    const int c = plane % e.channels(), b = plane / e.channels(), h = e.used().height(), w = e.used().width();
+    return static_cast<size_t>(e.layout == Image::HWC ? ((b * h + y) * w + x) * e.channels() + c
+                                                      : ((b * e.channels() + c) * h + y) * w + x);
+}
+
+TEST_F(Conversion, EveryPathAgainstTheReference) {
+    const ML::Rect r53{0, 0, 5, 3}, r64{0, 0, 6, 4};
+    const Case cases[] = {
+        {"same format and size: bytes unchanged, no network", {true, r53, Image::RGBA, Image::HWC, ML::U8},
+         {false, r53, Image::RGBA, Image::HWC, ML::U8}, {0, 1, 2, 3}, {}, {}, 0.0f, 1, {}, 0},
+        {"back, same format", {false, r53, Image::RGBA, Image::HWC, ML::U8}, {true, r53, Image::RGBA, Image::HWC, ML::U8},
+         {0, 1, 2, 3}, {}, {}, 0.0f, 1, {}, 0},
+        {"padded rows through staging", {true, r64, Image::RGB, Image::HWC, ML::U8, 5},
+         {false, r64, Image::RGB, Image::HWC, ML::U8}, {0, 1, 2}, {}, {}, 0.0f, 1, {}, 6 * 4 * 3},
+        {"back into padded rows", {false, r64, Image::RGB, Image::HWC, ML::U8},
+         {true, r64, Image::RGB, Image::HWC, ML::U8, 5}, {0, 1, 2}, {}, {}, 0.0f, 1, {}, 6 * 4 * 3},
+        {"padded planar rows to float", {true, r53, Image::RGB, Image::CHW, ML::U8, 3},
+         {false, r53, Image::RGB, Image::CHW, ML::F32}, {0, 1, 2}, {"CHW-U8-RGB_TO_CHW-F32-RGB"}, {}},
+        {"float into padded planar rows", {false, r53, Image::RGB, Image::CHW, ML::F32},
+         {true, r53, Image::RGB, Image::CHW, ML::U8, 3}, {0, 1, 2}, {"CHW-F32-RGB_TO_CHW-U8-RGB"}, {}},
+        {"view away from the origin", {true, {10, 20, 26, 32}, Image::RGBA, Image::HWC, ML::U8, 8, {13, 24, 20, 29}},
+         {false, {0, 0, 7, 5}, Image::RGBA, Image::CHW, ML::F32}, {0, 1, 2, 3}, {"HWC-U8-RGBA_TO_CHW-F32-RGBA"}, {}},
+        {"into a view away from the origin", {false, {0, 0, 7, 5}, Image::RGBA, Image::CHW, ML::F32},
+         {true, {10, 20, 26, 32}, Image::RGBA, Image::HWC, ML::U8, 8, {13, 24, 20, 29}}, {0, 1, 2, 3},
+         {"CHW-F32-RGBA_TO_HWC-U8-RGBA"}, {}},
+        {"packed bytes to planar half, alpha dropped", {true, {0, 0, 9, 5}, Image::RGBA, Image::HWC, ML::U8},
+         {false, {0, 0, 9, 5}, Image::RGB, Image::CHW, ML::F16}, {0, 1, 2}, {"HWC-U8-RGBA_TO_CHW-F16-RGB"}, {}},
+        {"planar half to packed bytes, opaque alpha added", {false, {0, 0, 9, 5}, Image::RGB, Image::CHW, ML::F16},
+         {true, {0, 0, 9, 5}, Image::RGBA, Image::HWC, ML::U8}, {0, 1, 2, -1}, {"CHW-F16-RGB_TO_HWC-U8-RGBA"}, {}},
+        {"BGR is RGB reversed", {true, {0, 0, 4, 3}, Image::RGB, Image::HWC, ML::U8},
+         {false, {0, 0, 4, 3}, Image::BGR, Image::CHW, ML::U8}, {2, 1, 0}, {"HWC-U8-RGB_TO_CHW-U8-BGR"}, {}},
+        {"colour to R takes the red channel", {true, {0, 0, 5, 4}, Image::ARGB, Image::HWC, ML::U8},
+         {false, {0, 0, 5, 4}, Image::R, Image::HWC, ML::F32}, {1}, {"HWC-U8-ARGB_TO_HWC-F32-R"}, {}},
+        {"grey to RGBA in one layout and type, unclamped", {false, {0, 0, 3, 2}, Image::R, Image::CHW, ML::F32},
+         {false, {0, 0, 3, 2}, Image::RGBA, Image::CHW, ML::F32}, {0, 0, 0, -1}, {"CHW-F32-R_TO_CHW-F32-RGBA"}, {}},
+        {"float to bytes rounds half to even and clamps", {false, {0, 0, 4, 2}, Image::R, Image::CHW, ML::F32},
+         {true, {0, 0, 4, 2}, Image::R, Image::HWC, ML::U8}, {0}, {"CHW-F32-R_TO_HWC-U8-R"}, {}, 0.0f, 1,
+         {0.0f, 0.2f, 0.5f, 1.0f, -0.3f, 1.7f, 100.0f / 255.0f, 254.4f / 255.0f}},
+        {"host to host through the device", {true, r64, Image::RGB, Image::HWC, ML::U8},
+         {true, r64, Image::BGR, Image::CHW, ML::F32, 12}, {2, 1, 0}, {"HWC-U8-RGB_TO_CHW-F32-BGR"}, {}},
+        {"host to host resize in one format", {true, {0, 0, 8, 6}, Image::RGB, Image::HWC, ML::U8, 4},
+         {true, {0, 0, 4, 3}, Image::RGB, Image::HWC, ML::U8}, {0, 1, 2}, {}, {"resize_U8_HWC"}, 0.5f / 255.0f + 1e-5f},
+        {"same format: only the resize network", {false, {0, 0, 5, 4}, Image::RGB, Image::CHW, ML::F32},
+         {false, {0, 0, 9, 7}, Image::RGB, Image::CHW, ML::F32}, {0, 1, 2}, {}, {"resize_F32_CHW"}, 1e-5f},
+        // Resizing first, in U8, would round to whole steps of 1/255.
+        {"format and size: convert first, then resize", {false, {0, 0, 11, 7}, Image::RGB, Image::CHW, ML::U8},
+         {false, r53, Image::RGBA, Image::HWC, ML::F32}, {0, 1, 2, -1}, {"CHW-U8-RGB_TO_HWC-F32-RGBA"},
+         {"resize_F32_HWC"}, 1e-5f},
+        {"host to tensor of other size and format", {true, {0, 0, 10, 6}, Image::RGBA, Image::HWC, ML::U8, 4},
+         {false, {0, 0, 3, 4}, Image::RGB, Image::CHW, ML::F16}, {0, 1, 2}, {"HWC-U8-RGBA_TO_CHW-F16-RGB"},
+         {"resize_F16_CHW"}, 2e-3f},
+        // Non-square: the tensor's own N,H,W,C read as N,C,H,W would ask for the wrong size.
+        {"packed layout sends the target shape channels first", {false, r64, Image::RGB, Image::HWC, ML::F32},
+         {false, r53, Image::RGB, Image::HWC, ML::F32}, {0, 1, 2}, {}, {"resize_F32_HWC"}, 1e-5f},
+        {"batch is never resampled", {false, {0, 0, 2, 2}, Image::R, Image::CHW, ML::F32},
+         {false, {0, 0, 4, 4}, Image::R, Image::CHW, ML::F32}, {0}, {}, {"resize_F32_CHW"}, 1e-5f, 2},
+        {"single-channel planar result into a packed host image", {false, {0, 0, 8, 8}, Image::R, Image::CHW, ML::F16},
+         {true, {0, 0, 16, 9}, Image::R, Image::HWC, ML::F32}, {0}, {"CHW-F16-R_TO_HWC-F32-R"}, {"resize_F32_HWC"}, 2e-3f},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        converter = std::make_unique<ML::ImageTensorConverter>(sharedContext);
+        const End& from = c.from;
+        const End& to = c.to;
+        const ML::Rect in = from.used(), out = to.used();
+
+        // The source, and the same values as planes.
+        Planes source(c.batch * from.channels(), in.height(), in.width());
+        for (int p = 0; p < source.planes; ++p)
+            for (int y = 0; y < in.height(); ++y)
+                for (int x = 0; x < in.width(); ++x) {
+                    const size_t i = static_cast<size_t>((p * in.height() + y) * in.width() + x);
+                    source.at(p, y, x) = quantise(c.values.empty() ? pattern(p, y + in.y0, x + in.x0, from.type)
+                                                                   : c.values[i], from.type);
+                }
+        Owned sourceImage;
+        std::shared_ptr<ML::BackendTensor> sourceTensor;
+        if (from.host) {
+            sourceImage = QHost::OwnedImage::make(from.whole, from.format, from.layout, from.type, from.rowPadding);
+            for (int y = from.whole.y0; y < from.whole.y1; ++y)
+                for (int x = from.whole.x0; x < from.whole.x1; ++x)
+                    for (int ch = 0; ch < from.channels(); ++ch)
+                        writeElement(sourceImage->element(x, y, ch), from.type, pattern(ch, y, x, from.type));
+        } else {
+            std::vector<u8> bytes(source.values.size() * elementBytes(from.type));
+            for (int p = 0; p < source.planes; ++p)
+                for (int y = 0; y < in.height(); ++y)
+                    for (int x = 0; x < in.width(); ++x)
+                        writeElement(&bytes[tensorIndex(from, p, y, x) * elementBytes(from.type)], from.type,
+                                     source.at(p, y, x));
+            sourceTensor = tensor(ML::shapeOfImage(*from.description(), c.batch), from.type);
+            sourceTensor->upload(bytes.data());
+        }
+
+        // The target: a tensor, or a host image full of 0xAB bytes to see what was written.
+        Owned targetImage;
+        std::shared_ptr<ML::BackendTensor> targetTensor;
+        if (to.host) {
+            targetImage = QHost::OwnedImage::make(to.whole, to.format, to.layout, to.type, to.rowPadding);
+            std::memset(targetImage->storage(), 0xAB, targetImage->byteSize());
+        } else {
+            targetTensor = tensor(ML::shapeOfImage(*to.description(), c.batch), to.type);
+        }
+        auto view = [](const Owned& image, const End& e) {
+            return e.region.width() > 0 ? ML::makeNewImageView(asImage(image), e.region) : asImage(image);
+        };
+        if (from.host && to.host)
+            converter->hostImageToHostImage(view(sourceImage, from), view(targetImage, to));
+        else if (from.host)
+            converter->hostImageToTensor(view(sourceImage, from), to.description(), targetTensor);
+        else if (to.host)
+            converter->tensorToHostImage(from.description(), sourceTensor, view(targetImage, to));
+        else
+            converter->tensorToTensor(from.description(), sourceTensor, to.description(), targetTensor);
+
+        // Reference: channels picked, converted to the target's type, then resized in it.
+        Planes picked(c.batch * to.channels(), in.height(), in.width());
+        for (int p = 0; p < picked.planes; ++p) {
+            const int pick = c.channelMap[static_cast<size_t>(p % to.channels())];
+            for (int y = 0; y < in.height(); ++y)
+                for (int x = 0; x < in.width(); ++x)
+                    picked.at(p, y, x) = quantise(
+                        pick < 0 ? 1.0f : source.at(p / to.channels() * from.channels() + pick, y, x), to.type);
+        }
+        const Planes expected = bilinear(picked, out.height(), out.width());
+
+        Planes got(expected.planes, out.height(), out.width());
+        std::vector<bool> written;
+        if (to.host) {
+            written.assign(targetImage->byteSize(), false);
+            for (int y = 0; y < out.height(); ++y)
+                for (int x = 0; x < out.width(); ++x)
+                    for (int ch = 0; ch < to.channels(); ++ch) {
+                        const void* e = targetImage->element(x + out.x0, y + out.y0, ch);
+                        got.at(ch, y, x) = readElement(e, to.type);
+                        const size_t at = static_cast<size_t>(static_cast<const std::byte*>(e) - targetImage->storage());
+                        std::fill_n(written.begin() + static_cast<long>(at), elementBytes(to.type), true);
+                    }
+        } else {
+            std::vector<u8> bytes(got.values.size() * elementBytes(to.type));
+            targetTensor->download(bytes.data());
+            for (int p = 0; p < got.planes; ++p)
+                for (int y = 0; y < out.height(); ++y)
+                    for (int x = 0; x < out.width(); ++x)
+                        got.at(p, y, x) = readElement(&bytes[tensorIndex(to, p, y, x) * elementBytes(to.type)], to.type);
+        }
+        int wrong = 0;
+        for (size_t i = 0; i < got.values.size(); ++i)
+            if (!(std::fabs(got.values[i] - expected.values[i]) <= c.tolerance) && ++wrong <= 3)
+                ADD_FAILURE() << "element " << i << ": " << got.values[i] << " instead of " << expected.values[i];
+        for (size_t i = 0; i < written.size(); ++i)
+            if (!written[i] && static_cast<u8>(targetImage->storage()[i]) != 0xAB && ++wrong <= 6)
+                ADD_FAILURE() << "byte " << i << " outside the target's pixels was written";
+        EXPECT_EQ(wrong, 0);
+
+        std::vector<std::string> conversions = converter->loadedConversionNetworks();
+        std::sort(conversions.begin(), conversions.end());
+        EXPECT_EQ(conversions, c.conversions);
+        EXPECT_EQ(converter->loadedResizeNetworks(), c.resizes);
+        if (c.staging >= 0) {
+            EXPECT_EQ(converter->stagingCapacity(), static_cast<u64>(c.staging));
+        }
+    }
+}
+
+TEST_F(Conversion, HostBatchAboveOneIsReadImageAfterImage) {
+    // Two 4x3 planar F32 images stored back to back behind one data pointer.
+    std::vector<float> pixels(2 * 3 * 3 * 4);
+    for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = static_cast<float>(i) * 0.25f - 3.0f;
+    ML::Ptr<Image> host(new ML::ImageImp({0, 0, 4, 3}, Image::RGB, Image::CHW, ML::F32, pixels.data(), 0, 0));
+    auto description = describe(3, 4, Image::RGB, Image::CHW, ML::F32);
+    auto t = tensor({2, 3, 3, 4}, ML::F32);
+    converter->hostImageToTensor(host, description, t);
+    EXPECT_EQ(download<float>(*t), pixels);
+    std::vector<float> back(pixels.size(), -1.0f);
+    converter->tensorToHostImage(description, t,
+                                 ML::Ptr<Image>(new ML::ImageImp({0, 0, 4, 3}, Image::RGB, Image::CHW, ML::F32,
+                                                                 back.data(), 0, 0)));
+    EXPECT_EQ(back, pixels);
+    EXPECT_TRUE(converter->loadedConversionNetworks().empty());
+}
+
+// Scratch tensors and the resizer's target shape are kept between calls and grow or change only
+// when they must; networks are loaded once.
+TEST_F(Conversion, ScratchTargetShapeAndNetworksAreReused) {
+    for (const auto& [height, width, capacity] : {std::tuple{16, 20, 16 * 20 * 4}, {3, 5, 16 * 20 * 4},
+                                                  {17, 20, 17 * 20 * 4}, {2, 2, 17 * 20 * 4}}) {
+        auto t = tensor({1, 3, static_cast<u64>(height), static_cast<u64>(width)}, ML::F16);
+        const Owned host = makeU8Image({0, 0, width, height}, Image::RGBA, Image::HWC);
+        converter->hostImageToTensor(asImage(host), describe(height, width, Image::RGB, Image::CHW, ML::F16), t);
+        EXPECT_EQ(converter->imageScratchCapacity(), static_cast<u64>(capacity)) << height << "x" << width;
+        const std::vector<Imath::half> values = download<Imath::half>(*t);
+        for (size_t i = 0; i < values.size(); ++i) {
+            const int x = static_cast<int>(i) % width, y = static_cast<int>(i) / width % height;
+            ASSERT_EQ(float(values[i]), quantise(host->at<u8>(x, y, static_cast<u32>(i) / width / height) / 255.0f,
+                                                 ML::F16)) << height << "x" << width << " element " << i;
+        }
+    }
+    const Owned host = makeU8Image({0, 0, 4, 4}, Image::RGBA, Image::HWC);
+    const auto description = describe(4, 4, Image::RGB, Image::CHW, ML::F16);
+    const auto first = converter->getConversionModel(*asImage(host), *description);
+    EXPECT_EQ(converter->getConversionModel(*asImage(host), *description), first);
+    EXPECT_EQ(converter->loadedConversionNetworks(), std::vector<std::string>{"HWC-U8-RGBA_TO_CHW-F16-RGB"});
+
+    auto source = tensor({1, 1, 4, 4}, ML::F32);
+    const std::vector<float> zeros(16, 0.0f);
+    source->upload(zeros.data());
+    EXPECT_EQ(converter->targetShapeUploads(), 0u);
+    for (const auto& [h, w, uploads] : {std::tuple{2, 3, 1u}, {2, 3, 1u}, {3, 2, 2u}, {2, 3, 3u}}) {
+        converter->resizeTensor(describe(4, 4, Image::R, Image::CHW, ML::F32), source,
+                                describe(h, w, Image::R, Image::CHW, ML::F32),
+                                tensor({1, 1, static_cast<u64>(h), static_cast<u64>(w)}, ML::F32));
+        EXPECT_EQ(converter->targetShapeUploads(), uploads) << h << "x" << w;
+    }
+}
+
+}  // namespace
