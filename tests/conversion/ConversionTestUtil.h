@@ -44,6 +44,11 @@ protected:
         return sharedContext->createTensor(shape, type);
     }
 
+public:
+    static ML::ModelContext* context() { return sharedContext.get(); }
+
+protected:
+
     static inline std::shared_ptr<ML::ModelContext> sharedContext;
     std::unique_ptr<ML::ImageTensorConverter> converter;
 };

@@ -47,6 +47,33 @@ size_t tensorIndex(const End& e, int plane, int y, int x) {
                                                       : ((b * e.channels() + c) * h + y) * w + x);
 }
 
+// The storage of one side: a host image, or the bytes of a tensor; every byte starts as 0xAB.
+struct Side {
+    const End& end;
+    Owned image;
+    std::shared_ptr<ML::BackendTensor> tensor;
+    std::vector<u8> bytes;
+
+    Side(const End& e, int batch) : end(e) {
+        if (e.host) {
+            image = QHost::OwnedImage::make(e.whole, e.format, e.layout, e.type, e.rowPadding);
+        } else {
+            tensor = ConverterTest::context()->createTensor(ML::shapeOfImage(*e.description(), batch), e.type);
+            bytes.resize(batch * e.channels() * e.used().width() * e.used().height() * elementBytes(e.type));
+        }
+        std::fill_n(data(), size(), 0xAB);
+    }
+    u8* data() { return image ? reinterpret_cast<u8*>(image->storage()) : bytes.data(); }
+    size_t size() const { return image ? image->byteSize() : bytes.size(); }
+    void* element(int p, int y, int x) {
+        if (image) return image->element(x + end.used().x0, y + end.used().y0, static_cast<u32>(p));
+        return &bytes[tensorIndex(end, p, y, x) * elementBytes(end.type)];
+    }
+    ML::Ptr<Image> view() {
+        return end.region.width() > 0 ? ML::makeNewImageView(asImage(image), end.region) : asImage(image);
+    }
+};
+
 TEST_F(Conversion, EveryPathAgainstTheReference) {
     const ML::Rect r53{0, 0, 5, 3}, r64{0, 0, 6, 4};
     const Case cases[] = {
@@ -104,96 +131,58 @@ TEST_F(Conversion, EveryPathAgainstTheReference) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         converter = std::make_unique<ML::ImageTensorConverter>(sharedContext);
-        const End& from = c.from;
-        const End& to = c.to;
-        const ML::Rect in = from.used(), out = to.used();
+        const ML::Rect in = c.from.used(), out = c.to.used();
+        Side from(c.from, c.batch), to(c.to, c.batch);
 
         // The source, and the same values as planes.
-        Planes source(c.batch * from.channels(), in.height(), in.width());
+        Planes source(c.batch * c.from.channels(), in.height(), in.width());
         for (int p = 0; p < source.planes; ++p)
             for (int y = 0; y < in.height(); ++y)
                 for (int x = 0; x < in.width(); ++x) {
-                    const size_t i = static_cast<size_t>((p * in.height() + y) * in.width() + x);
-                    source.at(p, y, x) = quantise(c.values.empty() ? pattern(p, y + in.y0, x + in.x0, from.type)
-                                                                   : c.values[i], from.type);
+                    const float v = c.values.empty() ? pattern(p, y + in.y0, x + in.x0, c.from.type)
+                                                     : c.values[static_cast<size_t>((p * in.height() + y) * in.width() + x)];
+                    writeElement(from.element(p, y, x), c.from.type, v);
+                    source.at(p, y, x) = quantise(v, c.from.type);
                 }
-        Owned sourceImage;
-        std::shared_ptr<ML::BackendTensor> sourceTensor;
-        if (from.host) {
-            sourceImage = QHost::OwnedImage::make(from.whole, from.format, from.layout, from.type, from.rowPadding);
-            for (int y = from.whole.y0; y < from.whole.y1; ++y)
-                for (int x = from.whole.x0; x < from.whole.x1; ++x)
-                    for (int ch = 0; ch < from.channels(); ++ch)
-                        writeElement(sourceImage->element(x, y, ch), from.type, pattern(ch, y, x, from.type));
-        } else {
-            std::vector<u8> bytes(source.values.size() * elementBytes(from.type));
-            for (int p = 0; p < source.planes; ++p)
-                for (int y = 0; y < in.height(); ++y)
-                    for (int x = 0; x < in.width(); ++x)
-                        writeElement(&bytes[tensorIndex(from, p, y, x) * elementBytes(from.type)], from.type,
-                                     source.at(p, y, x));
-            sourceTensor = tensor(ML::shapeOfImage(*from.description(), c.batch), from.type);
-            sourceTensor->upload(bytes.data());
-        }
-
-        // The target: a tensor, or a host image full of 0xAB bytes to see what was written.
-        Owned targetImage;
-        std::shared_ptr<ML::BackendTensor> targetTensor;
-        if (to.host) {
-            targetImage = QHost::OwnedImage::make(to.whole, to.format, to.layout, to.type, to.rowPadding);
-            std::memset(targetImage->storage(), 0xAB, targetImage->byteSize());
-        } else {
-            targetTensor = tensor(ML::shapeOfImage(*to.description(), c.batch), to.type);
-        }
-        auto view = [](const Owned& image, const End& e) {
-            return e.region.width() > 0 ? ML::makeNewImageView(asImage(image), e.region) : asImage(image);
-        };
-        if (from.host && to.host)
-            converter->hostImageToHostImage(view(sourceImage, from), view(targetImage, to));
-        else if (from.host)
-            converter->hostImageToTensor(view(sourceImage, from), to.description(), targetTensor);
-        else if (to.host)
-            converter->tensorToHostImage(from.description(), sourceTensor, view(targetImage, to));
+        if (from.tensor) from.tensor->upload(from.bytes.data());
+        if (c.from.host && c.to.host)
+            converter->hostImageToHostImage(from.view(), to.view());
+        else if (c.from.host)
+            converter->hostImageToTensor(from.view(), c.to.description(), to.tensor);
+        else if (c.to.host)
+            converter->tensorToHostImage(c.from.description(), from.tensor, to.view());
         else
-            converter->tensorToTensor(from.description(), sourceTensor, to.description(), targetTensor);
+            converter->tensorToTensor(c.from.description(), from.tensor, c.to.description(), to.tensor);
+        if (to.tensor) to.tensor->download(to.bytes.data());
 
         // Reference: channels picked, converted to the target's type, then resized in it.
-        Planes picked(c.batch * to.channels(), in.height(), in.width());
+        Planes picked(c.batch * c.to.channels(), in.height(), in.width());
         for (int p = 0; p < picked.planes; ++p) {
-            const int pick = c.channelMap[static_cast<size_t>(p % to.channels())];
+            const int pick = c.channelMap[static_cast<size_t>(p % c.to.channels())];
             for (int y = 0; y < in.height(); ++y)
                 for (int x = 0; x < in.width(); ++x)
                     picked.at(p, y, x) = quantise(
-                        pick < 0 ? 1.0f : source.at(p / to.channels() * from.channels() + pick, y, x), to.type);
+                        pick < 0 ? 1.0f : source.at(p / c.to.channels() * c.from.channels() + pick, y, x), c.to.type);
         }
         const Planes expected = bilinear(picked, out.height(), out.width());
 
-        Planes got(expected.planes, out.height(), out.width());
-        std::vector<bool> written;
-        if (to.host) {
-            written.assign(targetImage->byteSize(), false);
-            for (int y = 0; y < out.height(); ++y)
-                for (int x = 0; x < out.width(); ++x)
-                    for (int ch = 0; ch < to.channels(); ++ch) {
-                        const void* e = targetImage->element(x + out.x0, y + out.y0, ch);
-                        got.at(ch, y, x) = readElement(e, to.type);
-                        const size_t at = static_cast<size_t>(static_cast<const std::byte*>(e) - targetImage->storage());
-                        std::fill_n(written.begin() + static_cast<long>(at), elementBytes(to.type), true);
-                    }
-        } else {
-            std::vector<u8> bytes(got.values.size() * elementBytes(to.type));
-            targetTensor->download(bytes.data());
-            for (int p = 0; p < got.planes; ++p)
-                for (int y = 0; y < out.height(); ++y)
-                    for (int x = 0; x < out.width(); ++x)
-                        got.at(p, y, x) = readElement(&bytes[tensorIndex(to, p, y, x) * elementBytes(to.type)], to.type);
-        }
+        // The target's pixels against the reference; every other byte (row padding, pixels
+        // outside a view) must still be 0xAB.
+        std::vector<bool> written(to.size());
         int wrong = 0;
-        for (size_t i = 0; i < got.values.size(); ++i)
-            if (!(std::fabs(got.values[i] - expected.values[i]) <= c.tolerance) && ++wrong <= 3)
-                ADD_FAILURE() << "element " << i << ": " << got.values[i] << " instead of " << expected.values[i];
+        for (int p = 0; p < expected.planes; ++p)
+            for (int y = 0; y < out.height(); ++y)
+                for (int x = 0; x < out.width(); ++x) {
+                    const void* e = to.element(p, y, x);
+                    const float got = readElement(e, c.to.type);
+                    if (!(std::fabs(got - expected.at(p, y, x)) <= c.tolerance) && ++wrong <= 3)
+                        ADD_FAILURE() << "at " << p << "," << y << "," << x << ": " << got << " instead of "
+                                      << expected.at(p, y, x);
+                    const auto at = static_cast<const u8*>(e) - to.data();
+                    std::fill_n(written.begin() + at, elementBytes(c.to.type), true);
+                }
         for (size_t i = 0; i < written.size(); ++i)
-            if (!written[i] && static_cast<u8>(targetImage->storage()[i]) != 0xAB && ++wrong <= 6)
+            if (!written[i] && to.data()[i] != 0xAB && ++wrong <= 6)
                 ADD_FAILURE() << "byte " << i << " outside the target's pixels was written";
         EXPECT_EQ(wrong, 0);
 

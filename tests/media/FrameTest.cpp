@@ -5,8 +5,6 @@
 
 #include "Host/Media/FrameConvert.h"
 #include "Host/Media/FrameRate.h"
-#include "Host/Media/ImageWriteOptions.h"
-#include "Host/Media/VideoWriteOptions.h"
 #include "media/MediaTestUtil.h"
 
 using namespace QMedia;
@@ -70,13 +68,4 @@ TEST(FrameRate, NumbersAndFractions) {
     for (const char* bad : {"", "abc", "24fps", "0", "1/0", "-24", "/5", "5/"})
         EXPECT_THROW(FrameRate::parse(bad), ML::Exception) << bad;
     EXPECT_THROW(FrameRate::fromDouble(-5), ML::Exception);
-}
-
-TEST(WriteOptions, ParseNames) {
-    EXPECT_EQ(parseBitDepth("16"), BitDepth::U16);
-    EXPECT_EQ(parseBitDepth("Half"), BitDepth::F16);
-    EXPECT_EQ(parseBitDepth("float"), BitDepth::F32);
-    EXPECT_THROW(parseBitDepth("12"), ML::Exception);
-    EXPECT_EQ(parseVideoCodec("FFV1"), VideoCodec::FFV1);
-    EXPECT_THROW(parseVideoCodec("prores"), ML::Exception);
 }

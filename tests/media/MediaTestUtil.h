@@ -45,23 +45,18 @@ inline QMedia::Frame gradient(int width, int height, int channels, ML::DataType 
 
 // Largest and mean absolute difference of all samples (as floats); infinite when the shapes differ.
 struct Difference {
-    float max = 0.0f;
-    float mean = 0.0f;
+    float max = 0.0f, mean = 0.0f;
 };
-
 inline Difference difference(const QMedia::Frame& a, const QMedia::Frame& b) {
-    if (a.width() != b.width() || a.height() != b.height() || a.channels() != b.channels())
-        return {INFINITY, INFINITY};
+    if (a.width() != b.width() || a.height() != b.height() || a.channels() != b.channels()) return {INFINITY, INFINITY};
     Difference d;
-    double sum = 0.0;
     for (int y = 0; y < a.height(); ++y)
         for (int x = 0; x < a.width(); ++x)
             for (int c = 0; c < a.channels(); ++c) {
                 const float e = std::fabs(a.sample(x, y, c) - b.sample(x, y, c));
                 d.max = std::max(d.max, e);
-                sum += e;
+                d.mean += e / float(a.width() * a.height() * a.channels());
             }
-    d.mean = float(sum / (double(a.width()) * a.height() * a.channels()));
     return d;
 }
 
@@ -76,13 +71,7 @@ std::string errorOf(F&& f) {
     return "<no exception>";
 }
 
-// True when the ffmpeg command-line tool can be run.
-inline bool haveFfmpegTool() {
-    static const bool have = std::system("ffmpeg -version > /dev/null 2>&1") == 0;
-    return have;
-}
-
-// Runs ffmpeg quietly with the given arguments; true on success.
+// Runs the ffmpeg command-line tool quietly with the given arguments; true on success.
 inline bool runFfmpeg(const std::string& args) {
     return std::system(("ffmpeg -nostdin -v error -y " + args + " > /dev/null 2>&1").c_str()) == 0;
 }

@@ -1,5 +1,7 @@
 #pragma once
 // Shared helpers of the tiling tests.
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 
@@ -13,25 +15,20 @@ inline ML::TiledExecution::Tile1D t(int a, int b, int c, int d, int e, int f, in
     return ML::TiledExecution::Tile1D{a, b, c, d, e, f, g, h};
 }
 
-// The message of the ML::Exception that f throws, after checking it is an internal plug-in error;
-// "<no exception>" when f returns.
-inline std::string internalErrorOf(const std::function<void()>& f) {
+// Passes when f throws an internal plug-in error whose text ends with ": " + message (the
+// message follows the source location).
+inline ::testing::AssertionResult failsWith(const std::function<void()>& f, const std::string& message) {
+    std::string what = "no exception";
     try {
         f();
     } catch (const ML::Exception& e) {
-        if (e.source() != ML::Exception::PLUGIN || e.code() != ML::Exception::INTERNAL)
-            return std::string("<wrong source or code> ") + e.what();
-        return e.what();
-    } catch (const std::exception& e) {
-        return std::string("<not an ML::Exception> ") + e.what();
+        what = e.what();
+        const std::string tail = ": " + message;
+        if (e.source() == ML::Exception::PLUGIN && e.code() == ML::Exception::INTERNAL && what.size() >= tail.size() &&
+            what.compare(what.size() - tail.size(), tail.size(), tail) == 0)
+            return ::testing::AssertionSuccess();
     }
-    return "<no exception>";
-}
-
-// True when text ends with ": " + message (the message follows the source location).
-inline bool endsWithMessage(const std::string& text, const std::string& message) {
-    const std::string tail = ": " + message;
-    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+    return ::testing::AssertionFailure() << what << "\nexpected to end with: " << message;
 }
 
 }  // namespace tiling_test

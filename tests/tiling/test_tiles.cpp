@@ -38,9 +38,9 @@ TEST(MakeTiles1D, ExactLayouts) {
         EXPECT_EQ(makeTiles1D(c.start, c.end, c.exec, c.overlap), c.expected)
             << c.start << ".." << c.end << " exec " << c.exec << " overlap " << c.overlap;
 
-    EXPECT_NE(tiling_test::internalErrorOf([] { makeTiles1D(0, 100, 64, 32); }).find("twice the overlap"),
-              std::string::npos);
-    EXPECT_NE(tiling_test::internalErrorOf([] { makeTiles1D(0, 100, 64, -1); }).find("negative"), std::string::npos);
+    EXPECT_TRUE(tiling_test::failsWith([] { makeTiles1D(0, 100, 64, 32); },
+                                       "execution size 64 must be larger than twice the overlap 32"));
+    EXPECT_TRUE(tiling_test::failsWith([] { makeTiles1D(0, 100, 64, -1); }, "tile overlap must not be negative: -1"));
 }
 
 // Checks the layout rules of the tiles of [s, e) and returns a description of the first fault.
