@@ -1,13 +1,156 @@
 // Moving pixels between host images and tensors: layouts, element types, channel formats, sizes,
-// padded rows and views, with the helper networks each change runs, against plain C++ references.
-#include "ConversionTestUtil.h"
-#include "Util/ML_Util.h"
+// padded rows and views, with the helper networks each change runs, against plain C++ references;
+// and every refusal of the converter and the resizer, with its exact text. One CPU backend over
+// the default package serves the whole program.
+#include <gtest/gtest.h>
 
-using namespace ConversionTest;
+#include <Imath/half.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Host/CollectingLogger.h"
+#include "Host/OwnedImage.h"
+#include "ML/Exception.h"
+#include "Plugin/ImageTensorConverter.h"
+#include "Plugin/ModelContext.h"
+#include "Plugin/PluginLogger.h"
+#include "Util/ML_Util.h"
+#include "util/TempDir.h"
 
 namespace {
 
-class Conversion : public ConverterTest {};
+using ML::Image;
+using ML::u32;
+using ML::u64;
+using ML::u8;
+using Owned = ML::Ptr<QHost::OwnedImage>;
+
+const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
+
+// One backend per test suite; every test builds its own converter on it.
+class Conversion : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        sharedContext = std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir / "config", packageDir / "models");
+    }
+    static void TearDownTestSuite() { sharedContext.reset(); }
+    void SetUp() override { converter = std::make_unique<ML::ImageTensorConverter>(sharedContext); }
+
+    std::shared_ptr<ML::BackendTensor> tensor(const std::vector<u64>& shape, u32 type) {
+        return sharedContext->createTensor(shape, type);
+    }
+
+public:
+    static ML::ModelContext* context() { return sharedContext.get(); }
+
+protected:
+    static inline std::shared_ptr<ML::ModelContext> sharedContext;
+    std::unique_ptr<ML::ImageTensorConverter> converter;
+};
+
+ML::Ptr<Image> asImage(const Owned& image) { return ML::Ptr<Image>(image.get()); }
+ML::Ptr<Image> describe(int height, int width, u32 format, u32 layout, u32 type) {
+    return ML::makeDescription(height, width, format, layout, type);
+}
+
+// A distinct byte per (x, y, channel), covering the whole 0..255 range.
+Owned makeU8Image(const ML::Rect& rect, u32 format, u32 layout, u32 rowPadding = 0) {
+    Owned image = QHost::OwnedImage::make(rect, format, layout, ML::U8, rowPadding);
+    for (int y = rect.y0; y < rect.y1; ++y)
+        for (int x = rect.x0; x < rect.x1; ++x)
+            for (u32 c = 0; c < image->channels(); ++c) image->at<u8>(x, y, c) = u8((x * 37 + y * 101 + c * 59 + 13) & 0xFF);
+    return image;
+}
+
+template <class T>
+std::vector<T> download(ML::BackendTensor& tensor) {
+    u64 count = 1;
+    for (u64 extent : tensor.getShape()) count *= extent;
+    std::vector<T> values(count);
+    tensor.download(values.data());
+    return values;
+}
+
+u8 floatToU8(float v) {
+    if (std::isnan(v)) return 0;
+    const float scaled = std::nearbyint(v * 255.0f);  // default rounding mode: ties to even
+    return static_cast<u8>(std::clamp(scaled, 0.0f, 255.0f));
+}
+
+// What a value becomes when stored as an element of the given type, as float (U8 as 0..1).
+float quantise(float v, u32 type) {
+    if (type == ML::U8) return floatToU8(v) / 255.0f;
+    if (type == ML::F16) return float(Imath::half(v));
+    return v;
+}
+
+// One element at p as float (U8 as 0..1), and the other way.
+float readElement(const void* p, u32 type) {
+    if (type == ML::U8) return *static_cast<const u8*>(p) / 255.0f;
+    if (type == ML::F16) return float(*static_cast<const Imath::half*>(p));
+    return *static_cast<const float*>(p);
+}
+void writeElement(void* p, u32 type, float v) {
+    if (type == ML::U8) *static_cast<u8*>(p) = floatToU8(v);
+    else if (type == ML::F16) *static_cast<Imath::half*>(p) = Imath::half(v);
+    else *static_cast<float*>(p) = v;
+}
+size_t elementBytes(u32 type) { return type == ML::U8 ? 1 : type == ML::F16 ? 2 : 4; }
+
+// Float planes: plane p (image b, channel c of C is plane b * C + c), row y, column x.
+struct Planes {
+    int planes = 0, height = 0, width = 0;
+    std::vector<float> values;
+    Planes(int p, int h, int w) : planes(p), height(h), width(w), values(static_cast<size_t>(p * h * w)) {}
+    float& at(int p, int y, int x) { return values[static_cast<size_t>((p * height + y) * width + x)]; }
+    float at(int p, int y, int x) const { return values[static_cast<size_t>((p * height + y) * width + x)]; }
+};
+
+// Bilinear resampling with half-pixel centres and clamped edges, no antialiasing.
+Planes bilinear(const Planes& in, int height, int width) {
+    Planes out(in.planes, height, width);
+    struct Source {
+        int i0, i1;
+        float t;
+    };
+    auto source = [](int o, int inSize, int outSize) {
+        const float s = std::clamp((float(o) + 0.5f) * float(inSize) / float(outSize) - 0.5f, 0.0f, float(inSize - 1));
+        const int i0 = static_cast<int>(std::floor(s));
+        return Source{i0, std::min(i0 + 1, inSize - 1), s - float(i0)};
+    };
+    for (int y = 0; y < height; ++y) {
+        const auto [y0, y1, ty] = source(y, in.height, height);
+        for (int x = 0; x < width; ++x) {
+            const auto [x0, x1, tx] = source(x, in.width, width);
+            for (int p = 0; p < in.planes; ++p) {
+                const float top = in.at(p, y0, x0) * (1 - tx) + in.at(p, y0, x1) * tx;
+                const float bottom = in.at(p, y1, x0) * (1 - tx) + in.at(p, y1, x1) * tx;
+                out.at(p, y, x) = top * (1 - ty) + bottom * ty;
+            }
+        }
+    }
+    return out;
+}
+
+// Runs fn and checks that it throws a plug-in INTERNAL exception whose message ends with text.
+void expectPluginError(const std::function<void()>& fn, const std::string& text) {
+    try {
+        fn();
+        ADD_FAILURE() << "no exception, expected: " << text;
+    } catch (const ML::Exception& e) {
+        const std::string what = e.what();
+        EXPECT_EQ(e.source(), static_cast<u32>(ML::Exception::PLUGIN)) << what;
+        EXPECT_EQ(e.code(), static_cast<u32>(ML::Exception::INTERNAL)) << what;
+        const std::string tail = ": " + text;
+        EXPECT_TRUE(what.size() >= tail.size() && what.compare(what.size() - tail.size(), tail.size(), tail) == 0)
+            << "got: " << what << "\nexpected to end with: " << tail;
+    }
+}
 
 // One side of a conversion: a host image (converted through a view of region when that is not
 // the whole image) or a tensor of the whole rectangle's size.
@@ -58,7 +201,7 @@ struct Side {
         if (e.host) {
             image = QHost::OwnedImage::make(e.whole, e.format, e.layout, e.type, e.rowPadding);
         } else {
-            tensor = ConverterTest::context()->createTensor(ML::shapeOfImage(*e.description(), batch), e.type);
+            tensor = Conversion::context()->createTensor(ML::shapeOfImage(*e.description(), batch), e.type);
             bytes.resize(batch * e.channels() * e.used().width() * e.used().height() * elementBytes(e.type));
         }
         std::fill_n(data(), size(), 0xAB);
@@ -245,6 +388,132 @@ TEST_F(Conversion, ScratchTargetShapeAndNetworksAreReused) {
                                 tensor({1, 1, static_cast<u64>(h), static_cast<u64>(w)}, ML::F32));
         EXPECT_EQ(converter->targetShapeUploads(), uploads) << h << "x" << w;
     }
+}
+
+// A description whose fields are taken as given, so that values outside the tables can be tried.
+class RawDescription : public Image, public virtual ML::ReferenceImp {
+public:
+    RawDescription(u32 format, u32 layout, u32 type) : format(format), layout(layout), type(type) {}
+    ML::Rect getRect() const override { return {0, 0, 2, 2}; }
+    u32 getDataType() const override { return type; }
+    u32 getChannelFormat() const override { return format; }
+    u32 getMemoryLayout() const override { return layout; }
+    void* getData() override { return nullptr; }
+    const void* getData() const override { return nullptr; }
+    void setData(void*) override {}
+    u32 getRowBytes() const override { return 0; }
+    u32 getChannelBytes() const override { return 0; }
+
+private:
+    u32 format, layout, type;
+};
+
+TEST_F(Conversion, RefusalsWithTheirText) {
+    using ML::ImageTensorConverter;
+    const auto rgbChw = describe(2, 2, Image::RGB, Image::CHW, ML::F32);
+    const auto planar = describe(4, 6, Image::RGB, Image::CHW, ML::F32);
+    const auto packed = describe(4, 6, Image::RGB, Image::HWC, ML::F32);
+    const Owned padded = makeU8Image({0, 0, 4, 2}, Image::RGB, Image::HWC, 4);
+    const auto paddedDescription = describe(2, 4, Image::RGB, Image::HWC, ML::U8);
+    const auto emptyImage = asImage(makeU8Image({3, 3, 3, 7}, Image::RGB, Image::HWC));
+    const auto t = [this](std::vector<u64> shape) { return tensor(shape, ML::F32); };
+    const auto resize = [&](u32 format, u32 layout, u32 type) {
+        converter->resizeTensor(rgbChw, t({1, 3, 2, 2}), describe(4, 4, format, layout, type), t({1, 3, 4, 4}));
+    };
+    const std::pair<std::function<void()>, const char*> cases[] = {
+        {[&] { ImageTensorConverter::checkTensorMatchesImage(*rgbChw, *t({3, 2, 2})); },
+         "Expected 4D tensor for image conversion, got 3"},
+        {[&] { converter->hostImageToTensor(asImage(makeU8Image({0, 0, 2, 2}, Image::RGB, Image::CHW)), rgbChw,
+                                            t({1, 1, 3, 2, 2})); },
+         "Expected 4D tensor for image conversion, got 5"},
+        {[&] { ImageTensorConverter::checkTensorMatchesImage(*planar, *t({1, 3, 5, 6})); },
+         "Tensor height does not match image description: got 5 , expected 4"},
+        {[&] { ImageTensorConverter::checkTensorMatchesImage(*planar, *t({1, 3, 4, 7})); },
+         "Tensor width does not match image description: got 7 , expected 6"},
+        // Height is checked before width.
+        {[&] { ImageTensorConverter::checkTensorMatchesImage(*packed, *t({1, 3, 7, 3})); },
+         "Tensor height does not match image description: got 3 , expected 4"},
+        {[&] { ImageTensorConverter::checkTensorMatchesImage(*packed, *t({1, 4, 9, 3})); },
+         "Tensor width does not match image description: got 9 , expected 6"},
+        {[&] { ImageTensorConverter::checkTensorMatchesImage(RawDescription(9, Image::CHW, ML::F32), *t({1, 3, 2, 2})); },
+         "Unexpected channel format!"},
+        {[&] { converter->tensorToTensor(rgbChw, t({1, 3, 2, 2}), describe(2, 2, Image::RGB, Image::HWC, ML::F32),
+                                         t({2, 2, 2, 3})); },
+         "Batch size for input & output tensors should match (1 vs 2)"},
+        {[&] { converter->hostImageToTensor(asImage(padded), paddedDescription, tensor({2, 2, 4, 3}, ML::U8)); },
+         "TODO: support non-packed image conversion w/ batch > 1"},
+        {[&] { converter->tensorToHostImage(paddedDescription, tensor({2, 2, 4, 3}, ML::U8), asImage(padded)); },
+         "TODO: support non-packed image conversion w/ batch > 1"},
+        // Everything differs: layout is tested first, then channel format, then data type.
+        {[&] { resize(Image::BGR, Image::HWC, ML::F16); }, "memory layouts must match!"},
+        {[&] { resize(Image::BGR, Image::CHW, ML::F16); }, "channel formats must match!"},
+        {[&] { resize(Image::RGB, Image::CHW, ML::F16); }, "data types must match!"},
+        {[&] { converter->hostImageToTensor(emptyImage, rgbChw, t({1, 3, 2, 2})); },
+         "Cannot convert an empty host image (3,3->3,7)"},
+        {[&] { converter->tensorToHostImage(rgbChw, t({1, 3, 2, 2}), emptyImage); },
+         "Cannot convert an empty host image (3,3->3,7)"},
+        {[&] { converter->hostImageToHostImage(emptyImage, asImage(makeU8Image({0, 0, 2, 2}, Image::RGB, Image::HWC))); },
+         "Cannot convert an empty host image (3,3->3,7)"},
+        {[&] { converter->tensorToTensor(describe(0, 2, Image::RGB, Image::CHW, ML::F32), t({1, 3, 0, 2}), rgbChw,
+                                         t({1, 3, 2, 2})); },
+         "Cannot convert an empty tensor description (0,0->2,0)"},
+        {[] { ML::shapeOfImage(RawDescription(Image::RGB, 7, ML::F32), 1); }, "Unexpected memory layout"},
+        {[] { ML::shapeOfImage(2, 2, Image::RGB, 2, 1); }, "Unexpected memory layout"},
+        {[] { ML::imageFormatKey(RawDescription(Image::RGB, 7, ML::F32)); }, "Unknown layout type"},
+        {[] { ML::imageFormatKey(RawDescription(Image::RGB, Image::HWC, ML::I64)); }, "Unknown pixel type"},
+        {[] { ML::imageFormatKey(RawDescription(11, Image::HWC, ML::F32)); }, "Unknown channel format type"},
+    };
+    for (const auto& [call, message] : cases) expectPluginError(call, message);
+    EXPECT_NO_THROW(ImageTensorConverter::checkTensorMatchesImage(*planar, *t({1, 5, 4, 6})));  // channels unchecked
+    EXPECT_TRUE(converter->loadedConversionNetworks().empty());
+    EXPECT_TRUE(converter->loadedResizeNetworks().empty());
+    EXPECT_EQ(converter->targetShapeUploads(), 0u);
+
+    // A refused call leaves the converter usable.
+    auto good = tensor({1, 2, 4, 3}, ML::U8);
+    converter->hostImageToTensor(asImage(padded), paddedDescription, good);
+    EXPECT_EQ(download<u8>(*good)[5], padded->at<u8>(1, 0, 2));
+}
+
+TEST_F(Conversion, NothingToDoIsWarnedAndRefused) {
+    QHost::CollectingLogger log;
+    ML::PluginLogger plugin(3);
+    ML::g_hostLogger = &log;
+    ML::g_pluginLogger = &plugin;
+    auto description = describe(2, 2, Image::RGB, Image::CHW, ML::F32);
+    expectPluginError([&] { converter->tensorToTensor(description, tensor({1, 3, 2, 2}, ML::F32), description,
+                                                      tensor({1, 3, 2, 2}, ML::F32)); },
+                      "no change??");
+    ML::g_pluginLogger = nullptr;
+    ML::g_hostLogger = nullptr;
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"[Quillon] [W] Copying image tensor to image tensor of identical format?"});
+}
+
+TEST_F(Conversion, MissingHelperNetworkSurfacesAsTheLoadError) {
+    TempDir empty;  // a model folder without any imgcvt network
+    auto context = std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir / "config", empty.path());
+    ML::ImageTensorConverter bare(context);
+    std::string direct = "<no exception>";
+    try {
+        context->loadModel("imgcvt/HWC-U8-RGB_TO_CHW-F32-RGB");
+    } catch (const ML::Exception& e) {
+        direct = e.what();
+    }
+    Owned host = makeU8Image({0, 0, 3, 2}, Image::RGB, Image::HWC);
+    try {
+        bare.hostImageToTensor(asImage(host), describe(2, 3, Image::RGB, Image::CHW, ML::F32),
+                               context->createTensor({1, 3, 2, 3}, ML::F32));
+        ADD_FAILURE() << "no exception";
+    } catch (const ML::Exception& e) {
+        EXPECT_EQ(std::string(e.what()), direct);
+    }
+    EXPECT_TRUE(bare.loadedConversionNetworks().empty());
+
+    // The same converter still does what needs no network.
+    auto t = context->createTensor({1, 2, 3, 3}, ML::U8);
+    bare.hostImageToTensor(asImage(host), describe(2, 3, Image::RGB, Image::HWC, ML::U8), t);
+    const auto* bytes = reinterpret_cast<const u8*>(host->storage());
+    EXPECT_EQ(download<u8>(*t), std::vector<u8>(bytes, bytes + host->byteSize()));
 }
 
 }  // namespace

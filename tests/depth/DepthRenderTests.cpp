@@ -7,57 +7,42 @@ using namespace depthtest;
 
 namespace {
 
-struct RenderCase {
-    const char* name;
-    ML::u32 inputFormat, inputLayout, inputType, depthType, depthLayout;
-    Rect imageRect, roi;
-    std::array<float, 3> colour;
-};
-
-void PrintTo(const RenderCase& c, std::ostream* os) { *os << c.name; }
-
-class DepthRender : public ::testing::TestWithParam<RenderCase> {};
-
-TEST_P(DepthRender, WritesDepthOfTheRegionOnly) {
-    const RenderCase& p = GetParam();
-    const ML::u32 frame = 11;
-    // Outside the region the input is white, so a render that read beyond the region would
-    // pull the depth towards 0 near its edges.
-    ImagePtr input = filledImage(p.imageRect, p.inputFormat, p.inputLayout, p.inputType, 1.0f);
-    paint(*input, p.roi, p.colour[0], p.colour[1], p.colour[2]);
-    ImagePtr depth = filledImage(p.imageRect, Image::R, p.depthLayout, p.depthType, kSentinel);
-    auto settings = depthSettings(frame);
-    settings->setRoi(frame, p.roi);
-    settings->setInputImage(frame, input, {0, -1});
-    settings->setOutputImage(frame, depth, {0, -1});
-    ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
-
-    expectWrittenOnlyInRoi(*depth, p.roi, {expectedDepth(p.colour[0], p.colour[1], p.colour[2])}, "depth");
-    const auto requests = settings->inputImageRequests();
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(requests[0].key, QHost::ResourceKey(frame, 0, -1));
-    EXPECT_EQ(requests[0].wanted, p.roi);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Formats, DepthRender,
-    ::testing::Values(
-        RenderCase{"U8RgbaToF16", Image::RGBA, Image::HWC, ML::U8, ML::F16, Image::HWC, {0, 0, 320, 240},
-                   {0, 0, 320, 240}, {0.2f, 0.5f, 0.8f}},
-        RenderCase{"F32RgbToF32", Image::RGB, Image::HWC, ML::F32, ML::F32, Image::HWC, {0, 0, 300, 200},
-                   {0, 0, 300, 200}, {0.9f, 0.1f, 0.3f}},
-        RenderCase{"BlackToOne", Image::RGBA, Image::HWC, ML::U8, ML::F32, Image::HWC, {0, 0, 64, 48},
-                   {0, 0, 64, 48}, {0.0f, 0.0f, 0.0f}},
-        RenderCase{"U8RgbaToF32OffsetRoi", Image::RGBA, Image::HWC, ML::U8, ML::F32, Image::HWC, {10, 20, 330, 260},
-                   {50, 60, 250, 200}, {0.6f, 0.6f, 0.1f}},
-        RenderCase{"F32RgbToF16OffsetRoi", Image::RGB, Image::HWC, ML::F32, ML::F16, Image::HWC, {-40, -30, 500, 400},
-                   {17, 5, 433, 391}, {0.05f, 0.3f, 0.95f}},
+// Every format and region writes 1 - luma inside the region and nothing outside it. Outside the
+// region the input is white, so a render that read beyond the region would pull the depth
+// towards 0 near its edges.
+TEST(DepthRender, WritesDepthOfTheRegionOnly) {
+    const struct {
+        ML::u32 inputFormat, inputLayout, inputType, depthType, depthLayout;
+        Rect imageRect, roi;
+        std::array<float, 3> colour;
+    } cases[] = {
+        {Image::RGBA, Image::HWC, ML::U8, ML::F16, Image::HWC, {0, 0, 320, 240}, {0, 0, 320, 240}, {0.2f, 0.5f, 0.8f}},
+        {Image::RGB, Image::HWC, ML::F32, ML::F32, Image::HWC, {0, 0, 300, 200}, {0, 0, 300, 200}, {0.9f, 0.1f, 0.3f}},
+        {Image::RGBA, Image::HWC, ML::U8, ML::F32, Image::HWC, {0, 0, 64, 48}, {0, 0, 64, 48}, {0.0f, 0.0f, 0.0f}},
+        {Image::RGBA, Image::HWC, ML::U8, ML::F32, Image::HWC, {10, 20, 330, 260}, {50, 60, 250, 200}, {0.6f, 0.6f, 0.1f}},
+        {Image::RGB, Image::HWC, ML::F32, ML::F16, Image::HWC, {-40, -30, 500, 400}, {17, 5, 433, 391}, {0.05f, 0.3f, 0.95f}},
         // Views of planar images are not supported, so planar images are only used whole.
-        RenderCase{"F32RgbPlanarToF32Planar", Image::RGB, Image::CHW, ML::F32, ML::F32, Image::CHW, {5, 6, 200, 120},
-                   {5, 6, 200, 120}, {0.4f, 0.7f, 0.2f}},
-        RenderCase{"LargerThanExecSize", Image::RGBA, Image::HWC, ML::U8, ML::F16, Image::HWC, {0, 0, 900, 500},
-                   {100, 50, 800, 450}, {0.3f, 0.3f, 0.3f}}),
-    [](const ::testing::TestParamInfo<RenderCase>& info) { return std::string(info.param.name); });
+        {Image::RGB, Image::CHW, ML::F32, ML::F32, Image::CHW, {5, 6, 200, 120}, {5, 6, 200, 120}, {0.4f, 0.7f, 0.2f}},
+        {Image::RGBA, Image::HWC, ML::U8, ML::F16, Image::HWC, {0, 0, 900, 500}, {100, 50, 800, 450}, {0.3f, 0.3f, 0.3f}},
+    };
+    for (const auto& p : cases) {
+        SCOPED_TRACE(p.roi.toString());
+        const ML::u32 frame = 11;
+        ImagePtr input = filledImage(p.imageRect, p.inputFormat, p.inputLayout, p.inputType, 1.0f);
+        paint(*input, p.roi, p.colour[0], p.colour[1], p.colour[2]);
+        ImagePtr depth = filledImage(p.imageRect, Image::R, p.depthLayout, p.depthType, kSentinel);
+        auto settings = depthSettings(frame);
+        settings->setRoi(frame, p.roi);
+        settings->setInputImage(frame, input, {0, -1});
+        settings->setOutputImage(frame, depth, {0, -1});
+        ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
+        expectWrittenOnlyInRoi(*depth, p.roi, {expectedDepth(p.colour[0], p.colour[1], p.colour[2])}, "depth");
+        const auto requests = settings->inputImageRequests();
+        ASSERT_EQ(requests.size(), 1u);
+        EXPECT_EQ(requests[0].key, QHost::ResourceKey(frame, 0, -1));
+        EXPECT_EQ(requests[0].wanted, p.roi);
+    }
+}
 
 // Prepare (mode 3) asks for the images but writes nothing; the same settings then render the
 // depth and, into a second output, its colour ramp, both in the region only. Later renders load

@@ -1,8 +1,14 @@
-// Parsing of the command line, in process.
+// The command-line host in process: parsing, parameters, exit codes, the bridge between frames
+// and host images, and cancellation through the host.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "Host/CallSettings.h"
+#include "Host/Cli/Cancellation.h"
 #include "Host/Cli/CliError.h"
+#include "Host/Cli/FrameRenderer.h"
+#include "Host/Cli/ImageBridge.h"
 #include "Host/Cli/Options.h"
 #include "Host/Cli/ParamSetting.h"
 #include "Host/Cli/Targets.h"
@@ -101,4 +107,57 @@ TEST(CliOptions, PiecesAndUsageErrors) {
     for (const auto& [result, code] : {std::pair{0, EXIT_OK}, {1, EXIT_CANCELLED}, {2, EXIT_HOST}, {3, EXIT_BACKEND},
                                        {4, EXIT_FAILURE_OTHER}})
         EXPECT_EQ(exitCodeForResult(result), code) << result;
+}
+
+TEST(CliImageBridge, FramesToHostImages) {
+    QMedia::Frame gray(3, 2, 1, ML::F32);
+    gray.setSample(2, 1, 0, 0.75f);
+    const auto rgb = toHostImage(gray);  // gray becomes RGB and keeps its type
+    EXPECT_EQ(rgb->getChannelFormat(), ML::ImageImp::RGB);
+    EXPECT_EQ(rgb->getDataType(), ML::F32);
+    EXPECT_EQ(rgb->getMemoryLayout(), ML::ImageImp::HWC);
+    EXPECT_EQ(rgb->getRect(), (ML::Rect{0, 0, 3, 2}));
+    for (ML::u32 c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(rgb->at<float>(2, 1, c), 0.75f);
+    EXPECT_FLOAT_EQ(rgb->at<float>(0, 0, 0), 0.0f);
+
+    QMedia::Frame rgbaFrame(2, 2, 4, ML::U8);
+    rgbaFrame.setSample(1, 0, 3, 1.0f);
+    const auto rgba = toHostImage(rgbaFrame);
+    EXPECT_EQ(rgba->getChannelFormat(), ML::ImageImp::RGBA);
+    EXPECT_EQ(rgba->at<std::uint8_t>(1, 0, 3), 255);
+}
+
+TEST(CliImageBridge, OutputsToFramesInterleavedAndPlacedByRegion) {
+    auto image = makeOutputImage(ML::Rect{1, 2, 3, 4}, ML::ImageImp::RGB, ML::F32, ML::ImageImp::CHW);
+    for (ML::u32 c = 0; c < 3; ++c) image->at<float>(2, 3, c) = 0.1f * float(c + 1);
+    const QMedia::Frame frame = toFrame(*image, 5, 6);
+    EXPECT_EQ(frame.width(), 5);
+    EXPECT_EQ(frame.height(), 6);
+    EXPECT_EQ(frame.channels(), 3);
+    for (int c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(frame.sample(2, 3, c), 0.1f * float(c + 1));
+    EXPECT_FLOAT_EQ(frame.sample(1, 2, 0), 0.0f);
+    EXPECT_FLOAT_EQ(frame.sample(3, 3, 0), 0.0f);
+    EXPECT_THROW(toFrame(*image, 2, 2), std::invalid_argument);
+}
+
+TEST(CliCancel, InterruptCancelsThroughTheHost) {
+    std::ostringstream log;
+    Session session({std::filesystem::path(QUILLON_BIN_DIR) / "Quillon.so", QUILLON_TEST_PACKAGE_DIR, 0,
+                           64u << 20},
+                          log);
+    CancelWatch watch;
+    RenderRequest request;
+    FrameRenderer renderer(session, watch, request);
+    const QMedia::Frame input(16, 16, 3, ML::U8);
+    EXPECT_EQ(renderer.render(0, input).output.channels(), 1);
+
+    raiseInterrupt();
+    try {
+        renderer.render(1, input);
+        ADD_FAILURE() << "render went on after the interrupt";
+    } catch (const CliError& e) {
+        EXPECT_EQ(e.exitCode(), EXIT_CANCELLED);
+    }
+    clearInterrupt();
+    EXPECT_EQ(renderer.render(2, input).output.width(), 16);
 }

@@ -1,0 +1,226 @@
+// Whole runs of the quillon executable: renders of images, sequences and videos, the other
+// commands, and bad input (one plain error line, the documented exit code, no output file).
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+
+#include "Host/Cli/ExitCodes.h"
+#include "Host/Media/ImageReader.h"
+#include "Host/Media/ImageWriter.h"
+#include "Host/Media/MediaSink.h"
+#include "util/TempDir.h"
+
+using QMedia::readImage;
+
+namespace {
+
+struct RunResult {
+    int exitCode = -1;
+    std::string output;  // stdout and stderr together
+};
+
+std::string quote(const std::filesystem::path& path) { return "'" + path.string() + "'"; }
+
+// Runs bin/quillon with the package given (the test package by default) and the arguments (a
+// shell command line fragment).
+RunResult runQuillon(const std::string& arguments, const std::filesystem::path& package = QUILLON_TEST_PACKAGE_DIR) {
+    const std::string command = quote(std::filesystem::path(QUILLON_BIN_DIR) / "quillon") + " --package " +
+                                quote(package) + " " + arguments + " 2>&1";
+    RunResult result;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (!pipe) return result;
+    std::array<char, 4096> chunk{};
+    while (std::fgets(chunk.data(), static_cast<int>(chunk.size()), pipe)) result.output += chunk.data();
+    const int status = pclose(pipe);
+    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+// An RGB U8 frame: one grey level, or (level < 0) a horizontal ramp from 0 on the left to 1 on
+// the right.
+QMedia::Frame greyFrame(int width, int height, float level) {
+    QMedia::Frame frame(width, height, 3, ML::U8);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            for (int c = 0; c < 3; ++c) frame.setSample(x, y, c, level >= 0 ? level : float(x) / float(width - 1));
+    return frame;
+}
+
+// Files in a folder, sorted by name.
+std::vector<std::string> filesIn(const std::filesystem::path& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace
+
+// Depth is 1 - luma in the region of interest and 0 outside it; the colour view is written too.
+TEST(CliRender, DepthFollowsLumaInTheRegionAndColourViewIsWritten) {
+    TempDir dir;
+    QMedia::writeImage(dir / "ramp.png", greyFrame(96, 40, -1.0f));
+    const auto r = runQuillon("render -t 9 -m 0 -i " + quote(dir / "ramp.png") + " -o " + quote(dir / "d.exr") +
+                              " --output1 " + quote(dir / "c.png") + " --roi 0,5,96,35");
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    const QMedia::Frame depth = readImage(dir / "d.exr");
+    EXPECT_EQ(std::tuple(depth.width(), depth.height(), depth.channels(), depth.type()), std::tuple(96, 40, 1, ML::F32));
+    // Dark left is far (near 1), bright right is near (near 0).
+    EXPECT_GT(depth.sample(1, 20, 0), 0.85f);
+    EXPECT_LT(depth.sample(94, 20, 0), 0.15f);
+    EXPECT_GT(depth.sample(30, 5, 0), depth.sample(60, 34, 0));
+    for (int x : {1, 50, 94}) EXPECT_EQ(std::pair(depth.sample(x, 4, 0), depth.sample(x, 35, 0)), std::pair(0.0f, 0.0f));
+    const QMedia::Frame colour = readImage(dir / "c.png");
+    EXPECT_EQ(std::tuple(colour.width(), colour.channels()), std::tuple(96, 3));
+    float spread = 0;  // the colour ramp is not flat
+    for (int c = 0; c < 3; ++c) spread += std::fabs(colour.sample(1, 20, c) - colour.sample(94, 20, c));
+    EXPECT_GT(spread, 0.3f);
+}
+
+TEST(CliRender, VideoToSequenceAndSequenceToVideo) {
+    TempDir dir;
+    {
+        QMedia::MediaSinkOptions options;
+        options.video.codec = QMedia::VideoCodec::FFV1;
+        auto video = QMedia::MediaSink::create(dir / "in.mkv", options);
+        for (int f = 0; f < 4; ++f) video->write(f, greyFrame(32, 24, f / 3.0f));
+        video->finish();
+    }
+    std::filesystem::create_directories(dir / "out");
+    auto r = runQuillon("render -t depth -i " + quote(dir / "in.mkv") + " -o " + quote(dir / "out" / "depth.####.exr") +
+                        " --frames 1-3");
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_EQ(filesIn(dir / "out"), (std::vector<std::string>{"depth.0001.exr", "depth.0002.exr", "depth.0003.exr"}));
+    // Brighter frames are nearer.
+    EXPECT_NEAR(readImage(dir / "out" / "depth.0001.exr").sample(16, 12, 0), 2.0f / 3.0f, 0.05f);
+    EXPECT_NEAR(readImage(dir / "out" / "depth.0003.exr").sample(16, 12, 0), 0.0f, 0.05f);
+
+    for (int f = 5; f <= 7; ++f) QMedia::writeImage(dir / ("in.00" + std::to_string(f) + ".png"), greyFrame(32, 24, 0.5f));
+    r = runQuillon("render -t depth -i " + quote(dir / "in.%03d.png") + " -o " + quote(dir / "d.mkv") + " --output1 " +
+                   quote(dir / "c.%d.png"));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    for (const char* name : {"d.mkv", "c.5.png", "c.7.png"}) EXPECT_TRUE(std::filesystem::exists(dir / name)) << name;
+}
+
+TEST(CliRender, ThreadsGiveTheSameFrames) {
+    TempDir dir;
+    QMedia::writeImage(dir / "ramp.png", greyFrame(48, 32, -1.0f));
+    for (const char* run : {"a.%d.exr -f 0-3 -j 1", "b.%d.exr -f 0-3 -j 3"}) {
+        const auto r = runQuillon("render -t depth -i " + quote(dir / "ramp.png") + " -o " + quote(dir.path()) + "/" + run);
+        ASSERT_EQ(r.exitCode, 0) << r.output;
+    }
+    for (int f = 0; f < 4; ++f) {
+        const auto n = std::to_string(f);
+        EXPECT_EQ(readImage(dir / ("a." + n + ".exr")), readImage(dir / ("b." + n + ".exr"))) << f;
+    }
+}
+
+TEST(CliCommands, ListHelpDemoAndBench) {
+    TempDir dir;
+    const struct {
+        std::string arguments;
+        std::vector<const char*> fragments;
+    } cases[] = {
+        {"list", {"ort_cpu (default)", "depth (9)", "depth_standin", "256x256"}},
+        {"--help", {"Exit codes", "ID[.INDEX][:TYPE]=VALUE"}},
+        {"demo --out " + quote(dir / "demo"), {"depth.exr"}},
+        {"bench --frames 1 --size 64x48", {"Through the plug-in:", "Network alone (ORT):", "Plug-in overhead:"}},
+    };
+    for (const auto& c : cases) {
+        const auto r = runQuillon(c.arguments);
+        EXPECT_EQ(r.exitCode, 0) << r.output;
+        for (const char* fragment : c.fragments) EXPECT_NE(r.output.find(fragment), std::string::npos) << r.output;
+    }
+    const QMedia::Frame sample = readImage(dir / "demo" / "sample.png");
+    EXPECT_EQ(std::tuple(sample.width(), sample.height()), std::tuple(640, 360));
+    EXPECT_EQ(readImage(dir / "demo" / "depth.exr").channels(), 1);
+    EXPECT_TRUE(std::filesystem::exists(dir / "demo" / "depth_colour.png"));
+}
+
+TEST(CliErrorPath, OnePlainLineTheExitCodeAndNoOutput) {
+    TempDir dir;
+    std::filesystem::create_directories(dir / "out");
+    QMedia::writeImage(dir / "in.png", greyFrame(16, 16, 0.5f));
+    for (int f = 0; f < 3; ++f) QMedia::writeImage(dir / ("s." + std::to_string(f) + ".png"), greyFrame(8, 8, 0.5f));
+    std::ofstream(dir / "junk.png") << "not a picture";
+    const std::string render = "render -t depth -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr");
+    const std::string junk = "render -t depth -i " + quote(dir / "junk.png") + " -o " + quote(dir / "out" / "d.exr");
+    const struct {
+        std::string arguments;
+        int code;
+        std::string fragment;
+    } cases[] = {
+        {"render -t depth -i " + quote(dir / "nope.png") + " -o " + quote(dir / "out" / "d.exr"), QCli::EXIT_HOST,
+         "input not found"},
+        {junk, QCli::EXIT_HOST, "quillon: error: cannot read input " + (dir / "junk.png").string() + ": "},
+        // The internal text behind the plain line comes with -v, on a line of its own.
+        {junk + " -v", QCli::EXIT_HOST, "quillon: detail: PLUGIN/INTERNAL: Host/Media/"},
+        {"render -t nothing -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"), QCli::EXIT_USAGE,
+         "unknown target"},
+        {render + " --param 4:int=x", QCli::EXIT_USAGE, "bad parameter"},
+        {"render -t depth -i " + quote(dir / "s.%d.png") + " -o " + quote(dir / "out" / "d.%d.exr") + " -f 1-5",
+         QCli::EXIT_USAGE, "outside the input"},
+        {"render -t depth -i " + quote(dir / "in.png") + " -o " + quote(dir / "nowhere" / "d.exr"), QCli::EXIT_HOST,
+         "does not exist"},
+        {render + " -f 0-2", QCli::EXIT_USAGE, "one image"},
+        {render + " --roi 0,0,17,16", QCli::EXIT_USAGE, "outside the input"},
+        // Targets other than depth are not in this build: the plug-in fails with result 4 and
+        // logs its own line.
+        {"render -t denoise -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
+         QCli::EXIT_FAILURE_OTHER, "not available in this build"},
+        {"render -t denoise -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
+         QCli::EXIT_FAILURE_OTHER, "[Quillon] [E]"},
+        {"render -t depth -m 7 -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.mkv"),
+         QCli::EXIT_FAILURE_OTHER, "Model idx out of range!"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.arguments);
+        const RunResult r = runQuillon(c.arguments);
+        EXPECT_EQ(r.exitCode, c.code) << r.output;
+        EXPECT_NE(r.output.find(c.fragment), std::string::npos) << r.output;
+        std::istringstream lines(r.output);
+        int errorLines = 0;
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("quillon: error: ", 0) != 0) continue;
+            ++errorLines;
+            for (const char* internal : {"PLUGIN/", "BACKEND/", "INTERNAL", "Host/", "Plugin/", "(result"})
+                EXPECT_EQ(line.find(internal), std::string::npos) << internal << " in " << line;
+        }
+        EXPECT_EQ(errorLines, 1) << r.output;
+        EXPECT_TRUE(filesIn(dir / "out").empty()) << r.output;
+    }
+    EXPECT_FALSE(std::filesystem::exists(dir / "nowhere"));
+
+    const RunResult noPackage = runQuillon("list", dir / "nopackage");
+    EXPECT_EQ(noPackage.exitCode, QCli::EXIT_HOST);
+    EXPECT_NE(noPackage.output.find("model package not found"), std::string::npos) << noPackage.output;
+}
+
+// A damaged video: FFmpeg's own decoder complaints stay off the terminal unless -vv asks for them.
+TEST(CliErrorPath, DecoderWarningsOnlyWithDoubleVerbose) {
+    TempDir dir;
+    {
+        auto sink = QMedia::MediaSink::create(dir / "clip.avi", QMedia::MediaSinkOptions{});
+        for (int f = 0; f < 12; ++f) {
+            QMedia::Frame noise(64, 48, 3, ML::U8);
+            for (size_t i = 0; i < noise.byteSize(); ++i) noise.data()[i] = static_cast<std::uint8_t>(i * 2654435761u >> (f % 7 + 8));
+            sink->write(f, noise);
+        }
+        sink->finish();
+    }
+    std::ifstream file(dir / "clip.avi", std::ios::binary);
+    std::string bytes(std::istreambuf_iterator<char>(file), {});
+    for (size_t i = bytes.size() / 3; i < bytes.size() * 2 / 3; i += 5) bytes[i] = static_cast<char>(bytes[i] * 7 + 3);
+    std::ofstream(dir / "clip.avi", std::ios::binary) << bytes;
+
+    const std::string command = "render -t depth -i " + quote(dir / "clip.avi") + " -o " + quote(dir / "d.%04d.exr");
+    const std::string decoderLine = " @ 0x";  // "[codec @ 0x...] complaint"
+    EXPECT_EQ(runQuillon(command).output.find(decoderLine), std::string::npos);
+    EXPECT_NE(runQuillon(command + " -vv").output.find(decoderLine), std::string::npos);
+}
