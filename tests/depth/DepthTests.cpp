@@ -1,0 +1,444 @@
+// The depth effect end to end through mlMain (values, formats, regions, modes, threads, and the
+// renders that must fail), and the tiled network runner, against the default package and the
+// ONNX Runtime CPU backend. One host serves the whole program: the plug-in keeps the first logger
+// and folders it sees for the life of the process.
+#include <gtest/gtest.h>
+
+#include <Imath/half.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Host/CallSettings.h"
+#include "Host/Host.h"
+#include "Host/OwnedImage.h"
+#include "Plugin/ImageTensorConverter.h"
+#include "Plugin/ModelCommon.h"
+#include "Plugin/ModelContext.h"
+#include "Plugin/PluginMain.h"
+#include "Plugin/TiledExecution.h"
+#include "Plugin/TiledNetworkRunner.h"
+
+namespace {
+
+using ML::Image;
+using ML::Rect;
+using ImagePtr = ML::Ptr<QHost::OwnedImage>;
+
+constexpr int kDepthTarget = 9;
+// fp16 tensors plus U8 input quantisation.
+constexpr float kTolerance = 4e-3f;
+// Written into outputs before a render, to see which pixels the plug-in touched.
+constexpr float kSentinel = -7.25f;
+
+std::filesystem::path packageDir() { return QUILLON_TEST_PACKAGE_DIR; }
+
+// The process-wide host; its logger is the one the plug-in logs to.
+QHost::Host& host() {
+    static QHost::Host instance;
+    return instance;
+}
+
+// Releases the plug-in's context once every test has run, while the host is still alive.
+struct PluginShutdown : ::testing::Environment {
+    void TearDown() override { mlShutdown(); }
+};
+const auto* const g_pluginShutdown = ::testing::AddGlobalTestEnvironment(new PluginShutdown);
+
+// Settings for a depth render of frame in the given mode, with the package's folders.
+std::shared_ptr<QHost::CallSettings> depthSettings(ML::u32 frame, int mode = 4) {
+    auto settings = std::make_shared<QHost::CallSettings>(mode, kDepthTarget);
+    settings->setModelIndex(0);
+    settings->setDataFolder((packageDir() / "config").string());
+    settings->setAuxFolder((packageDir() / "models").string());
+    settings->setFrame(frame);
+    return settings;
+}
+
+// 1 - Rec. 709 luminance of an RGB colour in 0..1.
+float expectedDepth(float r, float g, float b) { return 1.0f - (0.2126f * r + 0.7152f * g + 0.0722f * b); }
+
+// The colour ramp of the colorize network for depth d.
+std::array<float, 3> expectedRamp(float d) {
+    d = std::clamp(d, 0.0f, 1.0f);
+    std::array<float, 3> rgb{};
+    for (int k = 0; k < 3; ++k) rgb[k] = std::clamp(1.5f - std::fabs(4.0f * d - static_cast<float>(3 - k)), 0.0f, 1.0f);
+    return rgb;
+}
+
+// One element as float, whatever the data type (U8 scaled to 0..1), and the other way.
+float valueAt(const QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 channel = 0) {
+    switch (image.getDataType()) {
+        case ML::U8: return image.at<std::uint8_t>(x, y, channel) / 255.0f;
+        case ML::F16: return static_cast<float>(image.at<Imath::half>(x, y, channel));
+        default: return image.at<float>(x, y, channel);
+    }
+}
+void setValue(QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 channel, float value) {
+    switch (image.getDataType()) {
+        case ML::U8:
+            image.at<std::uint8_t>(x, y, channel) =
+                static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0f, 1.0f) * 255.0f));
+            break;
+        case ML::F16: image.at<Imath::half>(x, y, channel) = Imath::half(value); break;
+        default: image.at<float>(x, y, channel) = value; break;
+    }
+}
+
+// Sets the pixels of rect (clipped to the image) to an RGB colour; a fourth channel gets 1.
+void paint(QHost::OwnedImage& image, const Rect& rect, float r, float g, float b) {
+    const Rect bounds = image.getRect();
+    const float rgb[3] = {r, g, b};
+    for (ML::i32 y = std::max(rect.y0, bounds.y0); y < std::min(rect.y1, bounds.y1); ++y)
+        for (ML::i32 x = std::max(rect.x0, bounds.x0); x < std::min(rect.x1, bounds.x1); ++x)
+            for (ML::u32 c = 0; c < image.channels(); ++c) setValue(image, x, y, c, c < 3 ? rgb[c] : 1.0f);
+}
+
+// Image with every element of every pixel set to value.
+ImagePtr filledImage(const Rect& rect, ML::u32 format, ML::u32 layout, ML::u32 type, float value) {
+    ImagePtr image = QHost::OwnedImage::make(rect, format, layout, type);
+    for (ML::i32 y = rect.y0; y < rect.y1; ++y)
+        for (ML::i32 x = rect.x0; x < rect.x1; ++x)
+            for (ML::u32 c = 0; c < image->channels(); ++c) setValue(*image, x, y, c, value);
+    return image;
+}
+
+// Every element inside roi holds want[channel] (within tolerance); every element outside it
+// still holds `outside`.
+void expectWrittenOnlyInRoi(const QHost::OwnedImage& image, const Rect& roi, const std::vector<float>& want,
+                                   const std::string& what, float outside = kSentinel) {
+    const Rect r = image.getRect();
+    int wrong = 0;
+    for (ML::i32 y = r.y0; y < r.y1; ++y)
+        for (ML::i32 x = r.x0; x < r.x1; ++x) {
+            const bool inside = x >= roi.x0 && x < roi.x1 && y >= roi.y0 && y < roi.y1;
+            for (ML::u32 c = 0; c < image.channels(); ++c) {
+                const float v = valueAt(image, x, y, c), expected = inside ? want[c] : outside;
+                if (std::fabs(v - expected) > (inside ? kTolerance : 0.5f / 255.0f) && ++wrong <= 3)
+                    ADD_FAILURE() << what << " at " << x << "," << y << " channel " << c << ": " << v << " instead of "
+                                  << expected << (inside ? "" : " (outside the region)");
+            }
+        }
+    EXPECT_EQ(wrong, 0) << what;
+}
+
+// Every format and region writes 1 - luma inside the region and nothing outside it. Outside the
+// region the input is white, so a render that read beyond the region would pull the depth
+// towards 0 near its edges.
+TEST(DepthRender, WritesDepthOfTheRegionOnly) {
+    const struct {
+        ML::u32 inputFormat, inputLayout, inputType, depthType, depthLayout;
+        Rect imageRect, roi;
+        std::array<float, 3> colour;
+    } cases[] = {
+        {Image::RGBA, Image::HWC, ML::U8, ML::F16, Image::HWC, {0, 0, 320, 240}, {0, 0, 320, 240}, {0.2f, 0.5f, 0.8f}},
+        {Image::RGB, Image::HWC, ML::F32, ML::F32, Image::HWC, {0, 0, 300, 200}, {0, 0, 300, 200}, {0.9f, 0.1f, 0.3f}},
+        {Image::RGBA, Image::HWC, ML::U8, ML::F32, Image::HWC, {0, 0, 64, 48}, {0, 0, 64, 48}, {0.0f, 0.0f, 0.0f}},
+        {Image::RGBA, Image::HWC, ML::U8, ML::F32, Image::HWC, {10, 20, 330, 260}, {50, 60, 250, 200}, {0.6f, 0.6f, 0.1f}},
+        {Image::RGB, Image::HWC, ML::F32, ML::F16, Image::HWC, {-40, -30, 500, 400}, {17, 5, 433, 391}, {0.05f, 0.3f, 0.95f}},
+        // Views of planar images are not supported, so planar images are only used whole.
+        {Image::RGB, Image::CHW, ML::F32, ML::F32, Image::CHW, {5, 6, 200, 120}, {5, 6, 200, 120}, {0.4f, 0.7f, 0.2f}},
+        {Image::RGBA, Image::HWC, ML::U8, ML::F16, Image::HWC, {0, 0, 900, 500}, {100, 50, 800, 450}, {0.3f, 0.3f, 0.3f}},
+    };
+    for (const auto& p : cases) {
+        SCOPED_TRACE(p.roi.toString());
+        const ML::u32 frame = 11;
+        ImagePtr input = filledImage(p.imageRect, p.inputFormat, p.inputLayout, p.inputType, 1.0f);
+        paint(*input, p.roi, p.colour[0], p.colour[1], p.colour[2]);
+        ImagePtr depth = filledImage(p.imageRect, Image::R, p.depthLayout, p.depthType, kSentinel);
+        auto settings = depthSettings(frame);
+        settings->setRoi(frame, p.roi);
+        settings->setInputImage(frame, input, {0, -1});
+        settings->setOutputImage(frame, depth, {0, -1});
+        ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
+        expectWrittenOnlyInRoi(*depth, p.roi, {expectedDepth(p.colour[0], p.colour[1], p.colour[2])}, "depth");
+        const auto requests = settings->inputImageRequests();
+        ASSERT_EQ(requests.size(), 1u);
+        EXPECT_EQ(requests[0].key, QHost::ResourceKey(frame, 0, -1));
+        EXPECT_EQ(requests[0].wanted, p.roi);
+    }
+}
+
+// Prepare (mode 3) asks for the images but writes nothing; the same settings then render the
+// depth and, into a second output, its colour ramp, both in the region only. Later renders load
+// nothing.
+TEST(DepthRenderModes, PrepareThenRenderWithColorizedOutput) {
+    const ML::u32 frame = 4;
+    const Rect rect{0, 0, 300, 220}, roi{40, 30, 260, 190};
+    const std::array<float, 3> colour{0.3f, 0.45f, 0.6f};  // depth about 0.57: every ramp channel between 0 and 1
+    ImagePtr input = filledImage(rect, Image::RGB, Image::HWC, ML::F32, 0.0f);
+    paint(*input, roi, colour[0], colour[1], colour[2]);
+    ImagePtr depth = filledImage(rect, Image::R, Image::HWC, ML::F16, kSentinel);
+    ImagePtr colorized = filledImage(rect, Image::RGB, Image::HWC, ML::F32, kSentinel);
+    auto settings = depthSettings(frame, 3);
+    settings->setRoi(frame, roi);
+    settings->setInputImage(frame, input);
+    settings->setOutputImage(frame, depth, {0, -1});
+    settings->setOutputImage(frame, colorized, {1, -1});
+    ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK);
+
+    const auto outputs = settings->outputImageRequests();
+    ASSERT_EQ(outputs.size(), 2u);
+    EXPECT_EQ(outputs[0].key, QHost::ResourceKey(frame, 0, -1));
+    EXPECT_EQ(outputs[1].key, QHost::ResourceKey(frame, 1, -1));
+    const auto inputs = settings->inputImageRequests();
+    ASSERT_EQ(inputs.size(), 1u);
+    EXPECT_EQ(inputs[0].wanted, roi);
+    EXPECT_TRUE(settings->busyLoading().empty());
+    expectWrittenOnlyInRoi(*depth, Rect{}, {}, "depth after prepare");
+    expectWrittenOnlyInRoi(*colorized, Rect{}, {}, "colorized after prepare");
+
+    for (int render = 0; render < 2; ++render) {
+        settings->setMode(4);
+        ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
+        const float d = expectedDepth(colour[0], colour[1], colour[2]);
+        expectWrittenOnlyInRoi(*depth, roi, {d}, "depth");
+        const auto ramp = expectedRamp(d);
+        expectWrittenOnlyInRoi(*colorized, roi, {ramp[0], ramp[1], ramp[2]}, "colorized");
+        // The first render of the process loads (true, then false); whichever it was, the
+        // networks are loaded after it.
+        const std::vector<bool> busy = settings->busyLoading();
+        if (render == 1 || !busy.empty()) {
+            EXPECT_EQ(busy, (render == 1 ? std::vector<bool>{} : std::vector<bool>{true, false}));
+        }
+        settings->clearRecords();
+    }
+}
+
+TEST(DepthRenderConcurrent, TwoThreadsRenderDifferentImages) {
+    struct Job {
+        std::array<float, 3> colour;
+        Rect rect, roi;
+        ML::u32 depthType;
+        ImagePtr depth = nullptr;
+        std::shared_ptr<QHost::CallSettings> settings = nullptr;
+        ML::i32 result = -1;
+    };
+    std::vector<Job> jobs = {{{0.1f, 0.2f, 0.3f}, {0, 0, 300, 200}, {20, 10, 280, 190}, ML::F16},
+                             {{0.9f, 0.8f, 0.2f}, {-50, 0, 250, 260}, {-50, 0, 250, 260}, ML::F32}};
+    for (size_t i = 0; i < jobs.size(); ++i) {
+        Job& job = jobs[i];
+        const ML::u32 frame = 30 + static_cast<ML::u32>(i);
+        ImagePtr input = filledImage(job.rect, Image::RGBA, Image::HWC, ML::U8, 0.0f);
+        paint(*input, job.roi, job.colour[0], job.colour[1], job.colour[2]);
+        job.depth = filledImage(job.rect, Image::R, Image::HWC, job.depthType, kSentinel);
+        job.settings = depthSettings(frame);
+        job.settings->setRoi(frame, job.roi);
+        job.settings->setInputImage(frame, input);
+        job.settings->setOutputImage(frame, job.depth);
+    }
+    for (int round = 0; round < 3; ++round) {
+        std::vector<std::thread> threads;
+        for (Job& job : jobs) threads.emplace_back([&job] { job.result = host().run(&mlMain, job.settings); });
+        for (std::thread& t : threads) t.join();
+        for (const Job& job : jobs) {
+            ASSERT_EQ(job.result, ML::STATUS_OK);
+            expectWrittenOnlyInRoi(*job.depth, job.roi, {expectedDepth(job.colour[0], job.colour[1], job.colour[2])},
+                                   "round " + std::to_string(round));
+        }
+    }
+}
+
+struct Output {
+    ML::u32 format, layout, type;
+    Rect rect;
+    int index = 0;  // 0: depth, 1: colorized
+};
+
+struct Case {
+    std::string what;
+    std::vector<Output> outputs;
+    std::string logged;  // in the single error line (or, when cancelled, anywhere in the log)
+    ML::i32 status = ML::STATUS_OTHER;
+    int mode = 4;
+    Rect roi = {10, 5, 90, 60};
+    std::optional<Rect> input = Rect{0, 0, 96, 64};  // none: the host returns no input image
+    int inputRequests = 0;                             // -1: not checked
+    bool hostFailsInput = false;
+};
+
+TEST(DepthErrors, RefusedRendersTouchNothing) {
+    const Rect whole{0, 0, 96, 64}, roi{10, 5, 90, 60};
+    const Output depthF32{Image::R, Image::HWC, ML::F32, whole};
+    std::vector<Case> cases = {
+        {"RGB output", {{Image::RGB, Image::HWC, ML::F32, whole}},
+         "output must have single-channel output! (ML::Image::ChannelFormat::R)"},
+        {"U8 output", {{Image::R, Image::HWC, ML::U8, whole}}, "depth estimation output must be float16 or float32!"},
+        {"U8 output when preparing", {{Image::R, Image::HWC, ML::U8, whole}},
+         "depth estimation output must be float16 or float32!", ML::STATUS_OTHER, 3},
+        {"output smaller than the region", {{Image::R, Image::HWC, ML::F32, {10, 5, 89, 60}}},
+         "Output rect " + Rect{10, 5, 89, 60}.toString() + " must cover ROI rect " + roi.toString() + " for frame 5"},
+        {"colorized output smaller than the region", {depthF32, {Image::RGB, Image::HWC, ML::F32, {11, 5, 90, 60}, 1}},
+         "Colorized output rect " + Rect{11, 5, 90, 60}.toString() + " must cover ROI rect " + roi.toString() +
+             " for frame 5"},
+        {"no output", {},
+         "[Quillon] [W] Attempting to render retiming without providing output image. nothing to do, returning!",
+         ML::STATUS_CANCELLED},
+        {"no input", {{Image::R, Image::HWC, ML::F16, whole}}, "No input image returned by host for frame 5",
+         ML::STATUS_OTHER, 4, roi, std::nullopt, 1},
+        {"input smaller than the region", {depthF32},
+         "Input rect " + Rect{12, 5, 90, 60}.toString() + " must cover ROI rect " + roi.toString() + " for frame 5",
+         ML::STATUS_OTHER, 4, roi, Rect{12, 5, 90, 60}, -1},
+        {"planar output needs the whole image as region", {{Image::R, Image::CHW, ML::F32, whole}},
+         "TODO: implement makeNewImageView for CHW image!", ML::STATUS_OTHER, 4, roi, whole, -1},
+        {"host fails on the input", {depthF32}, "disk on fire", ML::STATUS_HOST, 4, roi, whole, -1, true},
+    };
+    for (const Rect empty : {Rect{0, 0, 0, 0}, Rect{10, 5, 10, 60}, Rect{10, 60, 90, 5}})
+        for (int mode : {3, 4})
+            cases.push_back({"empty region, mode " + std::to_string(mode), {depthF32},
+                             "Empty region of interest " + empty.toString() + " for frame 5", ML::STATUS_HOST, mode,
+                             empty});
+
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto settings = depthSettings(5, c.mode);
+        settings->setRoi(5, c.roi);
+        if (c.input) settings->setInputImage(5, filledImage(*c.input, Image::RGBA, Image::HWC, ML::U8, 0.5f));
+        if (c.hostFailsInput) settings->failOperation(QHost::HostOperation::INPUT_IMAGE, ML::STATUS_HOST, c.logged);
+        std::vector<std::pair<ImagePtr, float>> outputs;
+        for (const Output& o : c.outputs) {
+            const float fill = o.type == ML::U8 ? 0.25f : kSentinel;
+            outputs.emplace_back(filledImage(o.rect, o.format, o.layout, o.type, fill), fill);
+            settings->setOutputImage(5, outputs.back().first, {o.index, -1});
+        }
+        host().logger().clear();
+        EXPECT_EQ(host().run(&mlMain, settings), c.status);
+
+        const auto errors = host().logger().linesWith("[Quillon] [E] ");
+        if (c.status == ML::STATUS_CANCELLED) {
+            EXPECT_TRUE(errors.empty()) << errors.front();
+            EXPECT_TRUE(host().logger().contains(c.logged)) << ::testing::PrintToString(host().logger().lines());
+        } else {
+            ASSERT_EQ(errors.size(), 1u) << ::testing::PrintToString(host().logger().lines());
+            EXPECT_NE(errors[0].find(c.logged), std::string::npos) << errors[0];
+        }
+        if (c.inputRequests >= 0) {
+            EXPECT_EQ(settings->inputImageRequests().size(), static_cast<size_t>(c.inputRequests));
+        }
+        for (const auto& [image, fill] : outputs) expectWrittenOnlyInRoi(*image, Rect{}, {}, "untouched output", fill);
+    }
+
+    // A failed render leaves the plug-in usable.
+    auto settings = depthSettings(5);
+    settings->setRoi(5, roi);
+    settings->setInputImage(5, filledImage(whole, Image::RGBA, Image::HWC, ML::U8, 0.5f));
+    ImagePtr depth = filledImage(whole, Image::R, Image::HWC, ML::F32, kSentinel);
+    settings->setOutputImage(5, depth);
+    ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK);
+    expectWrittenOnlyInRoi(*depth, roi, {expectedDepth(0.5f, 0.5f, 0.5f)}, "depth after the failures");
+}
+
+constexpr ML::i32 kExec = 256;
+
+class TiledRunner : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        context = std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir() / "config", packageDir() / "models");
+        common = std::make_unique<ML::ModelCommon>(context);
+    }
+    static void TearDownTestSuite() {
+        common.reset();
+        context.reset();
+    }
+
+    ML::TiledNetworkRunner makeRunner() {
+        auto inDesc = ML::makeDescription(kExec, kExec, Image::RGB, Image::CHW, ML::F16);
+        auto outDesc = ML::makeDescription(kExec, kExec, Image::R, Image::CHW, ML::F16);
+        return ML::TiledNetworkRunner(context->loadModel("depth_standin"), inDesc,
+                                      context->createTensor(ML::shapeOfImage(*inDesc, 1), ML::F16), outDesc,
+                                      context->createTensor(ML::shapeOfImage(*outDesc, 1), ML::F16));
+    }
+
+    // A source whose every pixel differs from its neighbours, so a tile placed one pixel off
+    // shows up at once.
+    static ImagePtr noisySource(const Rect& rect, ML::u32 format, ML::u32 type) {
+        ImagePtr image = QHost::OwnedImage::make(rect, format, Image::HWC, type);
+        std::mt19937 random(1234);
+        std::uniform_real_distribution<float> unit(0.0f, 1.0f);
+        for (ML::i32 y = rect.y0; y < rect.y1; ++y)
+            for (ML::i32 x = rect.x0; x < rect.x1; ++x)
+                paint(*image, Rect{x, y, x + 1, y + 1}, unit(random), unit(random), unit(random));
+        return image;
+    }
+
+    static inline std::shared_ptr<ML::ModelContext> context;
+    static inline std::unique_ptr<ML::ModelCommon> common;
+};
+
+TEST_F(TiledRunner, PlansEqualThePointwiseFormulaInTheRegionOnly) {
+    const struct {
+        const char* what;
+        Rect image, region;
+        ML::u32 format, type, resultType;
+        int tiles;  // 0: more than 4
+    } cases[] = {
+        {"large region", {100, 50, 700, 450}, {100, 50, 700, 450}, Image::RGB, ML::F32, ML::F32, 0},
+        {"part of larger images", {0, 0, 640, 480}, {37, 21, 637, 421}, Image::RGBA, ML::U8, ML::F16, 0},
+        {"smaller than a tile: padded and cropped", {5, 7, 105, 67}, {5, 7, 105, 67}, Image::RGB, ML::F32, ML::F32, 1},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ML::TiledExecution::ExecutionPlanMap plans({{kExec, kExec}});
+        const ML::TiledExecution::ExecutionPlan& plan = plans.get(c.region, 32);
+        if (c.tiles > 0) {
+            EXPECT_EQ(plan.numTiles, c.tiles);
+        } else {
+            EXPECT_GT(plan.numTiles, 4);
+        }
+        ImagePtr source = noisySource(c.image, c.format, c.type);
+        ImagePtr result = filledImage(c.image, Image::R, Image::HWC, c.resultType, kSentinel);
+        makeRunner().run(*common, plan, source, result);
+        int wrong = 0;
+        for (ML::i32 y = c.image.y0; y < c.image.y1; ++y)
+            for (ML::i32 x = c.image.x0; x < c.image.x1; ++x) {
+                const bool inside = x >= c.region.x0 && x < c.region.x1 && y >= c.region.y0 && y < c.region.y1;
+                const float want = inside ? expectedDepth(valueAt(*source, x, y, 0), valueAt(*source, x, y, 1),
+                                                          valueAt(*source, x, y, 2))
+                                          : kSentinel;
+                const float got = valueAt(*result, x, y);
+                if (std::fabs(got - want) > (inside ? kTolerance : 0.0f) && ++wrong <= 5)
+                    ADD_FAILURE() << "at " << x << "," << y << ": " << got << " instead of " << want;
+            }
+        EXPECT_EQ(wrong, 0);
+    }
+}
+
+TEST_F(TiledRunner, ReportsProgressAndStopsWhenCancelled) {
+    const Rect region{0, 0, 600, 400};
+    ML::TiledExecution::ExecutionPlanMap plans({{kExec, kExec}});
+    const auto& plan = plans.get(region, 32);
+    ImagePtr source = noisySource(region, Image::RGB, ML::F32);
+    ImagePtr result = filledImage(region, Image::R, Image::HWC, ML::F32, kSentinel);
+    ML::TiledNetworkRunner runner = makeRunner();
+
+    QHost::Host localHost;
+    auto settings = std::make_shared<QHost::CallSettings>();
+    const ML::u64 call = localHost.beginCall(settings);
+    runner.run(*common, plan, source, result, &localHost, call);
+    const auto progress = settings->progress();
+    ASSERT_EQ(progress.size(), static_cast<size_t>(plan.numTiles));
+    for (size_t i = 1; i < progress.size(); ++i) EXPECT_GT(progress[i], progress[i - 1]);
+    EXPECT_FLOAT_EQ(progress.back(), 1.0f);
+    EXPECT_EQ(settings->cancelPolls(), static_cast<ML::u64>(plan.numTiles));
+
+    settings->clearRecords();
+    settings->cancelAfterPolls(2);
+    try {
+        runner.run(*common, plan, source, result, &localHost, call);
+        ADD_FAILURE() << "a cancelled run must throw";
+    } catch (const ML::Exception& e) {
+        EXPECT_EQ(e.code(), ML::Exception::CANCEL);
+    }
+    EXPECT_EQ(settings->progress().size(), 2u);
+    localHost.endCall(call);
+}
+
+}  // namespace
