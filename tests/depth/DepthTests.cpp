@@ -33,13 +33,12 @@ using ML::Image;
 using ML::Rect;
 using ImagePtr = ML::Ptr<QHost::OwnedImage>;
 
-constexpr int kDepthTarget = 9;
 // fp16 tensors plus U8 input quantisation.
 constexpr float kTolerance = 4e-3f;
 // Written into outputs before a render, to see which pixels the plug-in touched.
 constexpr float kSentinel = -7.25f;
 
-std::filesystem::path packageDir() { return QUILLON_TEST_PACKAGE_DIR; }
+const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
 
 // The process-wide host; its logger is the one the plug-in logs to.
 QHost::Host& host() {
@@ -55,10 +54,10 @@ const auto* const g_pluginShutdown = ::testing::AddGlobalTestEnvironment(new Plu
 
 // Settings for a depth render of frame in the given mode, with the package's folders.
 std::shared_ptr<QHost::CallSettings> depthSettings(ML::u32 frame, int mode = 4) {
-    auto settings = std::make_shared<QHost::CallSettings>(mode, kDepthTarget);
+    auto settings = std::make_shared<QHost::CallSettings>(mode, 9);
     settings->setModelIndex(0);
-    settings->setDataFolder((packageDir() / "config").string());
-    settings->setAuxFolder((packageDir() / "models").string());
+    settings->setDataFolder((packageDir / "config").string());
+    settings->setAuxFolder((packageDir / "models").string());
     settings->setFrame(frame);
     return settings;
 }
@@ -83,31 +82,27 @@ float valueAt(const QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 chan
     }
 }
 void setValue(QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 channel, float value) {
-    switch (image.getDataType()) {
-        case ML::U8:
-            image.at<std::uint8_t>(x, y, channel) =
-                static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0f, 1.0f) * 255.0f));
-            break;
-        case ML::F16: image.at<Imath::half>(x, y, channel) = Imath::half(value); break;
-        default: image.at<float>(x, y, channel) = value; break;
-    }
+    if (image.getDataType() == ML::U8)
+        image.at<std::uint8_t>(x, y, channel) = static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0f, 1.0f) * 255.0f));
+    else if (image.getDataType() == ML::F16)
+        image.at<Imath::half>(x, y, channel) = Imath::half(value);
+    else
+        image.at<float>(x, y, channel) = value;
 }
 
-// Sets the pixels of rect (clipped to the image) to an RGB colour; a fourth channel gets 1.
-void paint(QHost::OwnedImage& image, const Rect& rect, float r, float g, float b) {
+// Sets the pixels of rect (clipped to the image) to an RGB colour and a fourth channel to alpha.
+void paint(QHost::OwnedImage& image, const Rect& rect, float r, float g, float b, float alpha = 1.0f) {
     const Rect bounds = image.getRect();
-    const float rgb[3] = {r, g, b};
+    const float rgba[4] = {r, g, b, alpha};
     for (ML::i32 y = std::max(rect.y0, bounds.y0); y < std::min(rect.y1, bounds.y1); ++y)
         for (ML::i32 x = std::max(rect.x0, bounds.x0); x < std::min(rect.x1, bounds.x1); ++x)
-            for (ML::u32 c = 0; c < image.channels(); ++c) setValue(image, x, y, c, c < 3 ? rgb[c] : 1.0f);
+            for (ML::u32 c = 0; c < image.channels(); ++c) setValue(image, x, y, c, rgba[c]);
 }
 
 // Image with every element of every pixel set to value.
 ImagePtr filledImage(const Rect& rect, ML::u32 format, ML::u32 layout, ML::u32 type, float value) {
     ImagePtr image = QHost::OwnedImage::make(rect, format, layout, type);
-    for (ML::i32 y = rect.y0; y < rect.y1; ++y)
-        for (ML::i32 x = rect.x0; x < rect.x1; ++x)
-            for (ML::u32 c = 0; c < image->channels(); ++c) setValue(*image, x, y, c, value);
+    paint(*image, rect, value, value, value, value);
     return image;
 }
 
@@ -341,7 +336,7 @@ constexpr ML::i32 kExec = 256;
 class TiledRunner : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        context = std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir() / "config", packageDir() / "models");
+        context = std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir / "config", packageDir / "models");
         common = std::make_unique<ML::ModelCommon>(context);
     }
     static void TearDownTestSuite() {
