@@ -151,30 +151,15 @@ TEST(EntryPoints, LoggerLevelIsReadOnceAndFiltersLines) {
     install.host().useOwnLogger();
 }
 
-// A host that cancels gets result 1 without an error line; a failing host gets result 2.
-TEST(EntryPoints, HostCancellationAndFailureResults) {
-    const struct {
-        QHost::HostOperation operation;
-        int result;
-        const char* message;
-        const char* logged;  // null: no error line at all
-    } cases[] = {
-        {QHost::HostOperation::OUTPUT_IMAGE, 1, "", nullptr},
-        {QHost::HostOperation::INPUT_IMAGE, 2, "disk gone", "[Quillon] [E] PLUGIN/HOST: disk gone"},
-    };
-    for (const auto& c : cases) {
-        PluginInstall install;
-        install.copyDefaultConfigs();
-        install.addBackend("ort_cpu", "real");
-        auto s = depthRender(install, 4);
-        s->failOperation(c.operation, c.result, c.message);
-        EXPECT_EQ(install.run(s), c.result);
-        if (c.logged) {
-            EXPECT_TRUE(install.logged(c.logged));
-        } else {
-            EXPECT_TRUE(install.host().logger().linesWith("[Quillon] [E]").empty());
-        }
-    }
+// A host that cancels while handing out the output gets result 1, and no error line.
+TEST(EntryPoints, HostCancellationIsResultOne) {
+    PluginInstall install;
+    install.copyDefaultConfigs();
+    install.addBackend("ort_cpu", "real");
+    auto s = depthRender(install, 4);
+    s->failOperation(QHost::HostOperation::OUTPUT_IMAGE, 1, "");
+    EXPECT_EQ(install.run(s), 1);
+    EXPECT_TRUE(install.host().logger().linesWith("[Quillon] [E]").empty());
 }
 
 std::string text(const ML::Ptr<ML::StringT<char>>& s) { return ML::toStd(s); }

@@ -284,7 +284,7 @@ TEST(DepthErrors, RefusedRendersTouchNothing) {
          ML::STATUS_OTHER, 4, roi, Rect{12, 5, 90, 60}, -1},
         {"planar output needs the whole image as region", {{Image::R, Image::CHW, ML::F32, whole}},
          "TODO: implement makeNewImageView for CHW image!", ML::STATUS_OTHER, 4, roi, whole, -1},
-        {"host fails on the input", {depthF32}, "disk on fire", ML::STATUS_HOST, 4, roi, whole, -1, true},
+        {"host fails on the input", {depthF32}, "PLUGIN/HOST: disk on fire", ML::STATUS_HOST, 4, roi, whole, -1, true},
     };
     for (const Rect empty : {Rect{0, 0, 0, 0}, Rect{10, 5, 10, 60}, Rect{10, 60, 90, 5}})
         for (int mode : {3, 4})
@@ -297,7 +297,7 @@ TEST(DepthErrors, RefusedRendersTouchNothing) {
         auto settings = depthSettings(5, c.mode);
         settings->setRoi(5, c.roi);
         if (c.input) settings->setInputImage(5, filledImage(*c.input, Image::RGBA, Image::HWC, ML::U8, 0.5f));
-        if (c.hostFailsInput) settings->failOperation(QHost::HostOperation::INPUT_IMAGE, ML::STATUS_HOST, c.logged);
+        if (c.hostFailsInput) settings->failOperation(QHost::HostOperation::INPUT_IMAGE, ML::STATUS_HOST, "disk on fire");
         std::vector<std::pair<ImagePtr, float>> outputs;
         for (const Output& o : c.outputs) {
             const float fill = o.type == ML::U8 ? 0.25f : kSentinel;
