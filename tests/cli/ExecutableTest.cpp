@@ -100,7 +100,6 @@ TEST(CliRender, VideoToSequenceAndSequenceToVideo) {
     // Brighter frames are nearer.
     EXPECT_NEAR(readImage(dir / "out" / "depth.0001.exr").sample(16, 12, 0), 2.0f / 3.0f, 0.05f);
     EXPECT_NEAR(readImage(dir / "out" / "depth.0003.exr").sample(16, 12, 0), 0.0f, 0.05f);
-
     for (int f = 5; f <= 7; ++f) QMedia::writeImage(dir / ("in.00" + std::to_string(f) + ".png"), greyFrame(32, 24, 0.5f));
     r = runQuillon("render -t depth -i " + quote(dir / "in.%03d.png") + " -o " + quote(dir / "d.mkv") + " --output1 " +
                    quote(dir / "c.%d.png"));
@@ -196,7 +195,6 @@ TEST(CliErrorPath, OnePlainLineTheExitCodeAndNoOutput) {
         EXPECT_TRUE(filesIn(dir / "out").empty()) << r.output;
     }
     EXPECT_FALSE(std::filesystem::exists(dir / "nowhere"));
-
     const RunResult noPackage = runQuillon("list", dir / "nopackage");
     EXPECT_EQ(noPackage.exitCode, QCli::EXIT_HOST);
     EXPECT_NE(noPackage.output.find("model package not found"), std::string::npos) << noPackage.output;
@@ -218,7 +216,6 @@ TEST(CliErrorPath, DecoderWarningsOnlyWithDoubleVerbose) {
     std::string bytes(std::istreambuf_iterator<char>(file), {});
     for (size_t i = bytes.size() / 3; i < bytes.size() * 2 / 3; i += 5) bytes[i] = static_cast<char>(bytes[i] * 7 + 3);
     std::ofstream(dir / "clip.avi", std::ios::binary) << bytes;
-
     const std::string command = "render -t depth -i " + quote(dir / "clip.avi") + " -o " + quote(dir / "d.%04d.exr");
     const std::string decoderLine = " @ 0x";  // "[codec @ 0x...] complaint"
     EXPECT_EQ(runQuillon(command).output.find(decoderLine), std::string::npos);

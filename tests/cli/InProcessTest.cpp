@@ -20,9 +20,7 @@ TEST(CliTargets, ByNameAndNumber) {
     for (const auto& [text, number] : {std::pair{"depth", 9}, {"9", 9}, {"Optical_Flow", 3},
                                        {"interactive-segmentation", 7}, {"plate-detection", 8}, {"16", 16}})
         EXPECT_EQ(parseTarget(text), number) << text;
-    EXPECT_EQ(allTargets().size(), 16u);
     for (const char* bad : {"0", "17", "deep", ""}) EXPECT_THROW(parseTarget(bad), UsageError) << bad;
-    EXPECT_EQ(targetName(9), "depth");
 }
 
 TEST(CliParams, ParsedAndPassedThroughTheHost) {
@@ -40,7 +38,6 @@ TEST(CliParams, ParsedAndPassedThroughTheHost) {
     }
     for (const char* bad : {"4", "x=1", "=1", "4:int=1.5", "4:float=abc", "4:bool=1", "4.x=1", "-2=1", "4:int="})
         EXPECT_THROW(parseParam(bad), UsageError) << bad;
-
     auto settings = std::make_shared<QHost::CallSettings>();
     for (const char* text : {"4=3", "5.1=0.25", "6:str=hello"}) applyParam(*settings, parseParam(text));
     QHost::Host host;
@@ -72,9 +69,8 @@ TEST(CliOptions, RenderAndBenchCommandLines) {
 
     // For bench, --frames is a count.
     const Options bench = parseArguments({"bench", "--frames", "5", "--size", "320x200"});
-    EXPECT_EQ(bench.command, Command::Bench);
-    EXPECT_EQ(bench.target, 9);
-    EXPECT_EQ(std::tuple(bench.benchFrames, bench.benchWidth, bench.benchHeight), std::tuple(5, 320, 200));
+    EXPECT_EQ(std::tuple(bench.command, bench.target, bench.benchFrames, bench.benchWidth, bench.benchHeight),
+              std::tuple(Command::Bench, 9, 5, 320, 200));
     EXPECT_FALSE(bench.frames);
     EXPECT_EQ(parseArguments({"--help"}).command, Command::Help);
 }
@@ -87,7 +83,6 @@ TEST(CliOptions, PiecesAndUsageErrors) {
     EXPECT_THROW(parseRoi("1,2,3"), UsageError);
     EXPECT_THROW(parseRoi("5,5,5,9"), UsageError);
     EXPECT_THROW(parseBufferOutput("0"), UsageError);
-
     const std::vector<std::vector<std::string>> bad = {
         {}, {"paint"}, {"list", "--bogus"}, {"list", "extra"},
         {"render", "-i", "a.png", "-o", "b.exr"},  // no target
@@ -113,13 +108,10 @@ TEST(CliImageBridge, FramesToHostImages) {
     QMedia::Frame gray(3, 2, 1, ML::F32);
     gray.setSample(2, 1, 0, 0.75f);
     const auto rgb = toHostImage(gray);  // gray becomes RGB and keeps its type
-    EXPECT_EQ(rgb->getChannelFormat(), ML::ImageImp::RGB);
-    EXPECT_EQ(rgb->getDataType(), ML::F32);
-    EXPECT_EQ(rgb->getMemoryLayout(), ML::ImageImp::HWC);
-    EXPECT_EQ(rgb->getRect(), (ML::Rect{0, 0, 3, 2}));
+    EXPECT_EQ(std::tuple(rgb->getChannelFormat(), rgb->getDataType(), rgb->getMemoryLayout(), rgb->getRect()),
+              std::tuple(ML::ImageImp::RGB, ML::F32, ML::ImageImp::HWC, ML::Rect{0, 0, 3, 2}));
     for (ML::u32 c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(rgb->at<float>(2, 1, c), 0.75f);
     EXPECT_FLOAT_EQ(rgb->at<float>(0, 0, 0), 0.0f);
-
     QMedia::Frame rgbaFrame(2, 2, 4, ML::U8);
     rgbaFrame.setSample(1, 0, 3, 1.0f);
     const auto rgba = toHostImage(rgbaFrame);
@@ -131,9 +123,7 @@ TEST(CliImageBridge, OutputsToFramesInterleavedAndPlacedByRegion) {
     auto image = makeOutputImage(ML::Rect{1, 2, 3, 4}, ML::ImageImp::RGB, ML::F32, ML::ImageImp::CHW);
     for (ML::u32 c = 0; c < 3; ++c) image->at<float>(2, 3, c) = 0.1f * float(c + 1);
     const QMedia::Frame frame = toFrame(*image, 5, 6);
-    EXPECT_EQ(frame.width(), 5);
-    EXPECT_EQ(frame.height(), 6);
-    EXPECT_EQ(frame.channels(), 3);
+    EXPECT_EQ(std::tuple(frame.width(), frame.height(), frame.channels()), std::tuple(5, 6, 3));
     for (int c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(frame.sample(2, 3, c), 0.1f * float(c + 1));
     EXPECT_FLOAT_EQ(frame.sample(1, 2, 0), 0.0f);
     EXPECT_FLOAT_EQ(frame.sample(3, 3, 0), 0.0f);
@@ -142,15 +132,12 @@ TEST(CliImageBridge, OutputsToFramesInterleavedAndPlacedByRegion) {
 
 TEST(CliCancel, InterruptCancelsThroughTheHost) {
     std::ostringstream log;
-    Session session({std::filesystem::path(QUILLON_BIN_DIR) / "Quillon.so", QUILLON_TEST_PACKAGE_DIR, 0,
-                           64u << 20},
-                          log);
+    Session session({std::filesystem::path(QUILLON_BIN_DIR) / "Quillon.so", QUILLON_TEST_PACKAGE_DIR, 0, 64u << 20}, log);
     CancelWatch watch;
     RenderRequest request;
     FrameRenderer renderer(session, watch, request);
     const QMedia::Frame input(16, 16, 3, ML::U8);
     EXPECT_EQ(renderer.render(0, input).output.channels(), 1);
-
     raiseInterrupt();
     try {
         renderer.render(1, input);

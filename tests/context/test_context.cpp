@@ -85,7 +85,6 @@ public:
         return *library;
     }
     QHost::Host& host() { return host_; }
-
     Settings settings(int mode, int target = 9) { return callSettings(configFolder(), mode, target); }
     int run(const Settings& settings) { return plugin().run(host_, settings); }
     bool logged(const std::string& text) { return host_.logger().contains(text); }
@@ -313,7 +312,6 @@ TEST_F(Targets, ModelIndexTypeAndFamilyErrors) {
     EXPECT_TRUE(install.logged("Model idx out of range!"));
     EXPECT_EQ(install.run(install.settings(4, 1)), 4);
     EXPECT_TRUE(install.logged("Model type \"fdvd\" of target 1 is not available in this build"));
-
     PluginInstall fresh;
     fresh.copyDefaultConfigs();
     fresh.writeConfig("matting_config.json", R"({"availableModels":[{"modelType":"nonesuch","modelId":"m",
@@ -349,7 +347,6 @@ TEST_F(Targets, TwoModelsOfOneTypeAndTheFormsOfUnload) {
     auto render = depthRender(install, 4);
     ASSERT_EQ(install.run(render), 0);
     EXPECT_EQ(render->busyLoading(), (std::vector<bool>{true, false}));
-
     const struct {
         int target, index, result;
         const char* logged;
@@ -373,11 +370,9 @@ TEST_F(Targets, TwoModelsOfOneTypeAndTheFormsOfUnload) {
     if (!library) std::_Exit(10);
     auto mainEntry = reinterpret_cast<ML::MainFunction>(dlsym(library, "mlMain"));
     if (!mainEntry) std::_Exit(11);
-
     QHost::Host host;
     host.logger().setLogLevel(3);  // verbose: the backend logs its loads through the plug-in's logger
     if (host.run(mainEntry, withImages(callSettings(packageDir / "config", 4, 9))) != 0) std::_Exit(12);
-
     if (unload && dlclose(library) != 0) std::_Exit(13);
     std::exit(0);
 }

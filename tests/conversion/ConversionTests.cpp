@@ -40,7 +40,6 @@ protected:
     }
     static void TearDownTestSuite() { sharedContext.reset(); }
     void SetUp() override { converter = std::make_unique<ML::ImageTensorConverter>(sharedContext); }
-
     std::shared_ptr<ML::BackendTensor> tensor(const std::vector<u64>& shape, u32 type) {
         return sharedContext->createTensor(shape, type);
     }
@@ -160,7 +159,6 @@ struct End {
     u32 format, layout, type;
     u32 rowPadding = 0;
     ML::Rect region = {};  // empty: the whole image
-
     ML::Rect used() const { return region.width() > 0 ? region : whole; }
     int channels() const { return static_cast<int>(ML::shapeOfImage(1, 1, format, Image::CHW, 1)[1]); }
     ML::Ptr<Image> description() const { return describe(used().height(), used().width(), format, layout, type); }
@@ -196,7 +194,6 @@ struct Side {
     Owned image;
     std::shared_ptr<ML::BackendTensor> tensor;
     std::vector<u8> bytes;
-
     Side(const End& e, int batch) : end(e) {
         if (e.host) {
             image = QHost::OwnedImage::make(e.whole, e.format, e.layout, e.type, e.rowPadding);
@@ -219,57 +216,57 @@ struct Side {
 
 TEST_F(Conversion, EveryPathAgainstTheReference) {
     const ML::Rect r53{0, 0, 5, 3}, r64{0, 0, 6, 4};
+    const u32 R = Image::R, RGB = Image::RGB, BGR = Image::BGR, RGBA = Image::RGBA, ARGB = Image::ARGB;
+    const u32 HWC = Image::HWC, CHW = Image::CHW;
+    const ML::Rect r95{0, 0, 9, 5}, view{13, 24, 20, 29}, viewed{10, 20, 26, 32};
     const Case cases[] = {
-        {"same format and size: bytes unchanged, no network", {true, r53, Image::RGBA, Image::HWC, ML::U8},
-         {false, r53, Image::RGBA, Image::HWC, ML::U8}, {0, 1, 2, 3}, {}, {}, 0.0f, 1, {}, 0},
-        {"back, same format", {false, r53, Image::RGBA, Image::HWC, ML::U8}, {true, r53, Image::RGBA, Image::HWC, ML::U8},
-         {0, 1, 2, 3}, {}, {}, 0.0f, 1, {}, 0},
-        {"padded rows through staging", {true, r64, Image::RGB, Image::HWC, ML::U8, 5},
-         {false, r64, Image::RGB, Image::HWC, ML::U8}, {0, 1, 2}, {}, {}, 0.0f, 1, {}, 6 * 4 * 3},
-        {"back into padded rows", {false, r64, Image::RGB, Image::HWC, ML::U8},
-         {true, r64, Image::RGB, Image::HWC, ML::U8, 5}, {0, 1, 2}, {}, {}, 0.0f, 1, {}, 6 * 4 * 3},
-        {"padded planar rows to float", {true, r53, Image::RGB, Image::CHW, ML::U8, 3},
-         {false, r53, Image::RGB, Image::CHW, ML::F32}, {0, 1, 2}, {"CHW-U8-RGB_TO_CHW-F32-RGB"}, {}},
-        {"float into padded planar rows", {false, r53, Image::RGB, Image::CHW, ML::F32},
-         {true, r53, Image::RGB, Image::CHW, ML::U8, 3}, {0, 1, 2}, {"CHW-F32-RGB_TO_CHW-U8-RGB"}, {}},
-        {"view away from the origin", {true, {10, 20, 26, 32}, Image::RGBA, Image::HWC, ML::U8, 8, {13, 24, 20, 29}},
-         {false, {0, 0, 7, 5}, Image::RGBA, Image::CHW, ML::F32}, {0, 1, 2, 3}, {"HWC-U8-RGBA_TO_CHW-F32-RGBA"}, {}},
-        {"into a view away from the origin", {false, {0, 0, 7, 5}, Image::RGBA, Image::CHW, ML::F32},
-         {true, {10, 20, 26, 32}, Image::RGBA, Image::HWC, ML::U8, 8, {13, 24, 20, 29}}, {0, 1, 2, 3},
-         {"CHW-F32-RGBA_TO_HWC-U8-RGBA"}, {}},
-        {"packed bytes to planar half, alpha dropped", {true, {0, 0, 9, 5}, Image::RGBA, Image::HWC, ML::U8},
-         {false, {0, 0, 9, 5}, Image::RGB, Image::CHW, ML::F16}, {0, 1, 2}, {"HWC-U8-RGBA_TO_CHW-F16-RGB"}, {}},
-        {"planar half to packed bytes, opaque alpha added", {false, {0, 0, 9, 5}, Image::RGB, Image::CHW, ML::F16},
-         {true, {0, 0, 9, 5}, Image::RGBA, Image::HWC, ML::U8}, {0, 1, 2, -1}, {"CHW-F16-RGB_TO_HWC-U8-RGBA"}, {}},
-        {"BGR is RGB reversed", {true, {0, 0, 4, 3}, Image::RGB, Image::HWC, ML::U8},
-         {false, {0, 0, 4, 3}, Image::BGR, Image::CHW, ML::U8}, {2, 1, 0}, {"HWC-U8-RGB_TO_CHW-U8-BGR"}, {}},
-        {"colour to R takes the red channel", {true, {0, 0, 5, 4}, Image::ARGB, Image::HWC, ML::U8},
-         {false, {0, 0, 5, 4}, Image::R, Image::HWC, ML::F32}, {1}, {"HWC-U8-ARGB_TO_HWC-F32-R"}, {}},
-        {"grey to RGBA in one layout and type, unclamped", {false, {0, 0, 3, 2}, Image::R, Image::CHW, ML::F32},
-         {false, {0, 0, 3, 2}, Image::RGBA, Image::CHW, ML::F32}, {0, 0, 0, -1}, {"CHW-F32-R_TO_CHW-F32-RGBA"}, {}},
-        {"float to bytes rounds half to even and clamps", {false, {0, 0, 4, 2}, Image::R, Image::CHW, ML::F32},
-         {true, {0, 0, 4, 2}, Image::R, Image::HWC, ML::U8}, {0}, {"CHW-F32-R_TO_HWC-U8-R"}, {}, 0.0f, 1,
+        {"same format and size: bytes unchanged, no network", {true, r53, RGBA, HWC, ML::U8},
+         {false, r53, RGBA, HWC, ML::U8}, {0, 1, 2, 3}, {}, {}, 0.0f, 1, {}, 0},
+        {"back, same format", {false, r53, RGBA, HWC, ML::U8}, {true, r53, RGBA, HWC, ML::U8}, {0, 1, 2, 3}, {}, {},
+         0.0f, 1, {}, 0},
+        {"padded rows through staging", {true, r64, RGB, HWC, ML::U8, 5}, {false, r64, RGB, HWC, ML::U8}, {0, 1, 2},
+         {}, {}, 0.0f, 1, {}, 6 * 4 * 3},
+        {"back into padded rows", {false, r64, RGB, HWC, ML::U8}, {true, r64, RGB, HWC, ML::U8, 5}, {0, 1, 2}, {}, {},
+         0.0f, 1, {}, 6 * 4 * 3},
+        {"padded planar rows to float", {true, r53, RGB, CHW, ML::U8, 3}, {false, r53, RGB, CHW, ML::F32}, {0, 1, 2},
+         {"CHW-U8-RGB_TO_CHW-F32-RGB"}, {}},
+        {"float into padded planar rows", {false, r53, RGB, CHW, ML::F32}, {true, r53, RGB, CHW, ML::U8, 3}, {0, 1, 2},
+         {"CHW-F32-RGB_TO_CHW-U8-RGB"}, {}},
+        {"view away from the origin", {true, viewed, RGBA, HWC, ML::U8, 8, view}, {false, {0, 0, 7, 5}, RGBA, CHW, ML::F32},
+         {0, 1, 2, 3}, {"HWC-U8-RGBA_TO_CHW-F32-RGBA"}, {}},
+        {"into a view away from the origin", {false, {0, 0, 7, 5}, RGBA, CHW, ML::F32}, {true, viewed, RGBA, HWC, ML::U8, 8, view},
+         {0, 1, 2, 3}, {"CHW-F32-RGBA_TO_HWC-U8-RGBA"}, {}},
+        {"packed bytes to planar half, alpha dropped", {true, r95, RGBA, HWC, ML::U8}, {false, r95, RGB, CHW, ML::F16},
+         {0, 1, 2}, {"HWC-U8-RGBA_TO_CHW-F16-RGB"}, {}},
+        {"planar half to packed bytes, opaque alpha added", {false, r95, RGB, CHW, ML::F16}, {true, r95, RGBA, HWC, ML::U8},
+         {0, 1, 2, -1}, {"CHW-F16-RGB_TO_HWC-U8-RGBA"}, {}},
+        {"BGR is RGB reversed", {true, r53, RGB, HWC, ML::U8}, {false, r53, BGR, CHW, ML::U8}, {2, 1, 0},
+         {"HWC-U8-RGB_TO_CHW-U8-BGR"}, {}},
+        {"colour to R takes the red channel", {true, r53, ARGB, HWC, ML::U8}, {false, r53, R, HWC, ML::F32}, {1},
+         {"HWC-U8-ARGB_TO_HWC-F32-R"}, {}},
+        {"grey to RGBA in one layout and type, unclamped", {false, r53, R, CHW, ML::F32}, {false, r53, RGBA, CHW, ML::F32},
+         {0, 0, 0, -1}, {"CHW-F32-R_TO_CHW-F32-RGBA"}, {}},
+        {"float to bytes rounds half to even and clamps", {false, {0, 0, 4, 2}, R, CHW, ML::F32},
+         {true, {0, 0, 4, 2}, R, HWC, ML::U8}, {0}, {"CHW-F32-R_TO_HWC-U8-R"}, {}, 0.0f, 1,
          {0.0f, 0.2f, 0.5f, 1.0f, -0.3f, 1.7f, 100.0f / 255.0f, 254.4f / 255.0f}},
-        {"host to host through the device", {true, r64, Image::RGB, Image::HWC, ML::U8},
-         {true, r64, Image::BGR, Image::CHW, ML::F32, 12}, {2, 1, 0}, {"HWC-U8-RGB_TO_CHW-F32-BGR"}, {}},
-        {"host to host resize in one format", {true, {0, 0, 8, 6}, Image::RGB, Image::HWC, ML::U8, 4},
-         {true, {0, 0, 4, 3}, Image::RGB, Image::HWC, ML::U8}, {0, 1, 2}, {}, {"resize_U8_HWC"}, 0.5f / 255.0f + 1e-5f},
-        {"same format: only the resize network", {false, {0, 0, 5, 4}, Image::RGB, Image::CHW, ML::F32},
-         {false, {0, 0, 9, 7}, Image::RGB, Image::CHW, ML::F32}, {0, 1, 2}, {}, {"resize_F32_CHW"}, 1e-5f},
+        {"host to host through the device", {true, r64, RGB, HWC, ML::U8}, {true, r64, BGR, CHW, ML::F32, 12},
+         {2, 1, 0}, {"HWC-U8-RGB_TO_CHW-F32-BGR"}, {}},
+        {"host to host resize in one format", {true, {0, 0, 8, 6}, RGB, HWC, ML::U8, 4}, {true, {0, 0, 4, 3}, RGB, HWC, ML::U8},
+         {0, 1, 2}, {}, {"resize_U8_HWC"}, 0.5f / 255.0f + 1e-5f},
+        {"same format: only the resize network", {false, {0, 0, 5, 4}, RGB, CHW, ML::F32},
+         {false, {0, 0, 9, 7}, RGB, CHW, ML::F32}, {0, 1, 2}, {}, {"resize_F32_CHW"}, 1e-5f},
         // Resizing first, in U8, would round to whole steps of 1/255.
-        {"format and size: convert first, then resize", {false, {0, 0, 11, 7}, Image::RGB, Image::CHW, ML::U8},
-         {false, r53, Image::RGBA, Image::HWC, ML::F32}, {0, 1, 2, -1}, {"CHW-U8-RGB_TO_HWC-F32-RGBA"},
-         {"resize_F32_HWC"}, 1e-5f},
-        {"host to tensor of other size and format", {true, {0, 0, 10, 6}, Image::RGBA, Image::HWC, ML::U8, 4},
-         {false, {0, 0, 3, 4}, Image::RGB, Image::CHW, ML::F16}, {0, 1, 2}, {"HWC-U8-RGBA_TO_CHW-F16-RGB"},
-         {"resize_F16_CHW"}, 2e-3f},
+        {"format and size: convert first, then resize", {false, {0, 0, 11, 7}, RGB, CHW, ML::U8},
+         {false, r53, RGBA, HWC, ML::F32}, {0, 1, 2, -1}, {"CHW-U8-RGB_TO_HWC-F32-RGBA"}, {"resize_F32_HWC"}, 1e-5f},
+        {"host to tensor of other size and format", {true, {0, 0, 10, 6}, RGBA, HWC, ML::U8, 4},
+         {false, {0, 0, 3, 4}, RGB, CHW, ML::F16}, {0, 1, 2}, {"HWC-U8-RGBA_TO_CHW-F16-RGB"}, {"resize_F16_CHW"}, 2e-3f},
         // Non-square: the tensor's own N,H,W,C read as N,C,H,W would ask for the wrong size.
-        {"packed layout sends the target shape channels first", {false, r64, Image::RGB, Image::HWC, ML::F32},
-         {false, r53, Image::RGB, Image::HWC, ML::F32}, {0, 1, 2}, {}, {"resize_F32_HWC"}, 1e-5f},
-        {"batch is never resampled", {false, {0, 0, 2, 2}, Image::R, Image::CHW, ML::F32},
-         {false, {0, 0, 4, 4}, Image::R, Image::CHW, ML::F32}, {0}, {}, {"resize_F32_CHW"}, 1e-5f, 2},
-        {"single-channel planar result into a packed host image", {false, {0, 0, 8, 8}, Image::R, Image::CHW, ML::F16},
-         {true, {0, 0, 16, 9}, Image::R, Image::HWC, ML::F32}, {0}, {"CHW-F16-R_TO_HWC-F32-R"}, {"resize_F32_HWC"}, 2e-3f},
+        {"packed layout sends the target shape channels first", {false, r64, RGB, HWC, ML::F32},
+         {false, r53, RGB, HWC, ML::F32}, {0, 1, 2}, {}, {"resize_F32_HWC"}, 1e-5f},
+        {"batch is never resampled", {false, {0, 0, 2, 2}, R, CHW, ML::F32}, {false, {0, 0, 4, 4}, R, CHW, ML::F32},
+         {0}, {}, {"resize_F32_CHW"}, 1e-5f, 2},
+        {"single-channel planar result into a packed host image", {false, {0, 0, 8, 8}, R, CHW, ML::F16},
+         {true, {0, 0, 16, 9}, R, HWC, ML::F32}, {0}, {"CHW-F16-R_TO_HWC-F32-R"}, {"resize_F32_HWC"}, 2e-3f},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -328,7 +325,6 @@ TEST_F(Conversion, EveryPathAgainstTheReference) {
             if (!written[i] && to.data()[i] != 0xAB && ++wrong <= 6)
                 ADD_FAILURE() << "byte " << i << " outside the target's pixels was written";
         EXPECT_EQ(wrong, 0);
-
         std::vector<std::string> conversions = converter->loadedConversionNetworks();
         std::sort(conversions.begin(), conversions.end());
         EXPECT_EQ(conversions, c.conversions);
@@ -360,7 +356,6 @@ TEST_F(Conversion, ScratchTargetShapeAndNetworksAreReused) {
     const auto first = converter->getConversionModel(*asImage(host), *description);
     EXPECT_EQ(converter->getConversionModel(*asImage(host), *description), first);
     EXPECT_EQ(converter->loadedConversionNetworks(), std::vector<std::string>{"HWC-U8-RGBA_TO_CHW-F16-RGB"});
-
     auto source = tensor({1, 1, 4, 4}, ML::F32);
     const std::vector<float> zeros(16, 0.0f);
     source->upload(zeros.data());

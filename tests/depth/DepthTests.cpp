@@ -179,7 +179,6 @@ TEST(DepthRenderModes, PrepareThenRenderWithColorizedOutput) {
     settings->setOutputImage(frame, depth, {0, -1});
     settings->setOutputImage(frame, colorized, {1, -1});
     ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK);
-
     const auto outputs = settings->outputImageRequests();
     ASSERT_EQ(outputs.size(), 2u);
     EXPECT_EQ(outputs[0].key, QHost::ResourceKey(frame, 0, -1));
@@ -190,7 +189,6 @@ TEST(DepthRenderModes, PrepareThenRenderWithColorizedOutput) {
     EXPECT_TRUE(settings->busyLoading().empty());
     expectWrittenOnlyInRoi(*depth, Rect{}, {}, "depth after prepare");
     expectWrittenOnlyInRoi(*colorized, Rect{}, {}, "colorized after prepare");
-
     for (int render = 0; render < 2; ++render) {
         settings->setMode(4);
         ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
@@ -209,34 +207,27 @@ TEST(DepthRenderModes, PrepareThenRenderWithColorizedOutput) {
 }
 
 TEST(DepthRenderConcurrent, TwoThreadsRenderDifferentImages) {
-    struct Job {
-        std::array<float, 3> colour;
-        Rect rect, roi;
-        ML::u32 depthType;
-        ImagePtr depth = nullptr;
-        std::shared_ptr<QHost::CallSettings> settings = nullptr;
-        ML::i32 result = -1;
-    };
-    std::vector<Job> jobs = {{{0.1f, 0.2f, 0.3f}, {0, 0, 300, 200}, {20, 10, 280, 190}, ML::F16},
-                             {{0.9f, 0.8f, 0.2f}, {-50, 0, 250, 260}, {-50, 0, 250, 260}, ML::F32}};
-    for (size_t i = 0; i < jobs.size(); ++i) {
-        Job& job = jobs[i];
-        const ML::u32 frame = 30 + static_cast<ML::u32>(i);
-        ImagePtr input = filledImage(job.rect, Image::RGBA, Image::HWC, ML::U8, 0.0f);
-        paint(*input, job.roi, job.colour[0], job.colour[1], job.colour[2]);
-        job.depth = filledImage(job.rect, Image::R, Image::HWC, job.depthType, kSentinel);
-        job.settings = depthSettings(frame);
-        job.settings->setRoi(frame, job.roi);
-        job.settings->setInputImage(frame, input);
-        job.settings->setOutputImage(frame, job.depth);
+    const std::array<float, 3> colours[2] = {{0.1f, 0.2f, 0.3f}, {0.9f, 0.8f, 0.2f}};
+    const Rect rects[2] = {{0, 0, 300, 200}, {-50, 0, 250, 260}}, rois[2] = {{20, 10, 280, 190}, rects[1]};
+    ImagePtr depths[2];
+    std::shared_ptr<QHost::CallSettings> settings[2];
+    for (int i = 0; i < 2; ++i) {
+        ImagePtr input = filledImage(rects[i], Image::RGBA, Image::HWC, ML::U8, 0.0f);
+        paint(*input, rois[i], colours[i][0], colours[i][1], colours[i][2]);
+        depths[i] = filledImage(rects[i], Image::R, Image::HWC, i == 0 ? ML::F16 : ML::F32, kSentinel);
+        settings[i] = depthSettings(30 + i);
+        settings[i]->setRoi(30 + i, rois[i]);
+        settings[i]->setInputImage(30 + i, input);
+        settings[i]->setOutputImage(30 + i, depths[i]);
     }
     for (int round = 0; round < 3; ++round) {
-        std::vector<std::thread> threads;
-        for (Job& job : jobs) threads.emplace_back([&job] { job.result = host().run(&mlMain, job.settings); });
-        for (std::thread& t : threads) t.join();
-        for (const Job& job : jobs) {
-            ASSERT_EQ(job.result, ML::STATUS_OK);
-            expectWrittenOnlyInRoi(*job.depth, job.roi, {expectedDepth(job.colour[0], job.colour[1], job.colour[2])},
+        ML::i32 results[2] = {-1, -1};
+        std::thread first([&] { results[0] = host().run(&mlMain, settings[0]); });
+        results[1] = host().run(&mlMain, settings[1]);
+        first.join();
+        for (int i = 0; i < 2; ++i) {
+            ASSERT_EQ(results[i], ML::STATUS_OK);
+            expectWrittenOnlyInRoi(*depths[i], rois[i], {expectedDepth(colours[i][0], colours[i][1], colours[i][2])},
                                    "round " + std::to_string(round));
         }
     }
@@ -263,6 +254,9 @@ struct Case {
 TEST(DepthErrors, RefusedRendersTouchNothing) {
     const Rect whole{0, 0, 96, 64}, roi{10, 5, 90, 60};
     const Output depthF32{Image::R, Image::HWC, ML::F32, whole};
+    const auto cover = [&](const char* what, const Rect& r) {
+        return std::string(what) + " rect " + r.toString() + " must cover ROI rect " + roi.toString() + " for frame 5";
+    };
     std::vector<Case> cases = {
         {"RGB output", {{Image::RGB, Image::HWC, ML::F32, whole}},
          "output must have single-channel output! (ML::Image::ChannelFormat::R)"},
@@ -270,18 +264,16 @@ TEST(DepthErrors, RefusedRendersTouchNothing) {
         {"U8 output when preparing", {{Image::R, Image::HWC, ML::U8, whole}},
          "depth estimation output must be float16 or float32!", ML::STATUS_OTHER, 3},
         {"output smaller than the region", {{Image::R, Image::HWC, ML::F32, {10, 5, 89, 60}}},
-         "Output rect " + Rect{10, 5, 89, 60}.toString() + " must cover ROI rect " + roi.toString() + " for frame 5"},
+         cover("Output", {10, 5, 89, 60})},
         {"colorized output smaller than the region", {depthF32, {Image::RGB, Image::HWC, ML::F32, {11, 5, 90, 60}, 1}},
-         "Colorized output rect " + Rect{11, 5, 90, 60}.toString() + " must cover ROI rect " + roi.toString() +
-             " for frame 5"},
+         cover("Colorized output", {11, 5, 90, 60})},
         {"no output", {},
          "[Quillon] [W] Attempting to render retiming without providing output image. nothing to do, returning!",
          ML::STATUS_CANCELLED},
         {"no input", {{Image::R, Image::HWC, ML::F16, whole}}, "No input image returned by host for frame 5",
          ML::STATUS_OTHER, 4, roi, std::nullopt, 1},
-        {"input smaller than the region", {depthF32},
-         "Input rect " + Rect{12, 5, 90, 60}.toString() + " must cover ROI rect " + roi.toString() + " for frame 5",
-         ML::STATUS_OTHER, 4, roi, Rect{12, 5, 90, 60}, -1},
+        {"input smaller than the region", {depthF32}, cover("Input", {12, 5, 90, 60}), ML::STATUS_OTHER, 4, roi,
+         Rect{12, 5, 90, 60}, -1},
         {"planar output needs the whole image as region", {{Image::R, Image::CHW, ML::F32, whole}},
          "TODO: implement makeNewImageView for CHW image!", ML::STATUS_OTHER, 4, roi, whole, -1},
         {"host fails on the input", {depthF32}, "PLUGIN/HOST: disk on fire", ML::STATUS_HOST, 4, roi, whole, -1, true},
@@ -291,7 +283,6 @@ TEST(DepthErrors, RefusedRendersTouchNothing) {
             cases.push_back({"empty region, mode " + std::to_string(mode), {depthF32},
                              "Empty region of interest " + empty.toString() + " for frame 5", ML::STATUS_HOST, mode,
                              empty});
-
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         auto settings = depthSettings(5, c.mode);
@@ -306,7 +297,6 @@ TEST(DepthErrors, RefusedRendersTouchNothing) {
         }
         host().logger().clear();
         EXPECT_EQ(host().run(&mlMain, settings), c.status);
-
         const auto errors = host().logger().linesWith("[Quillon] [E] ");
         if (c.status == ML::STATUS_CANCELLED) {
             EXPECT_TRUE(errors.empty()) << errors.front();
@@ -343,7 +333,6 @@ protected:
         common.reset();
         context.reset();
     }
-
     ML::TiledNetworkRunner makeRunner() {
         auto inDesc = ML::makeDescription(kExec, kExec, Image::RGB, Image::CHW, ML::F16);
         auto outDesc = ML::makeDescription(kExec, kExec, Image::R, Image::CHW, ML::F16);
@@ -363,7 +352,6 @@ protected:
                 paint(*image, Rect{x, y, x + 1, y + 1}, unit(random), unit(random), unit(random));
         return image;
     }
-
     static inline std::shared_ptr<ML::ModelContext> context;
     static inline std::unique_ptr<ML::ModelCommon> common;
 };
@@ -413,7 +401,6 @@ TEST_F(TiledRunner, ReportsProgressAndStopsWhenCancelled) {
     ImagePtr source = noisySource(region, Image::RGB, ML::F32);
     ImagePtr result = filledImage(region, Image::R, Image::HWC, ML::F32, kSentinel);
     ML::TiledNetworkRunner runner = makeRunner();
-
     QHost::Host localHost;
     auto settings = std::make_shared<QHost::CallSettings>();
     const ML::u64 call = localHost.beginCall(settings);
@@ -423,7 +410,6 @@ TEST_F(TiledRunner, ReportsProgressAndStopsWhenCancelled) {
     for (size_t i = 1; i < progress.size(); ++i) EXPECT_GT(progress[i], progress[i - 1]);
     EXPECT_FLOAT_EQ(progress.back(), 1.0f);
     EXPECT_EQ(settings->cancelPolls(), static_cast<ML::u64>(plan.numTiles));
-
     settings->clearRecords();
     settings->cancelAfterPolls(2);
     try {

@@ -124,7 +124,6 @@ TEST(Frame, LayoutSamplesAndBadShapes) {
     h.setSample(0, 0, 1, 3.25f);
     EXPECT_EQ(float(reinterpret_cast<const Imath::half*>(h.data())[1]), 3.25f);
     EXPECT_EQ(h.sample(0, 0, 1), 3.25f);
-
     for (const auto& [w, hgt, c, type] : {std::tuple{0, 4, 3, ML::U8}, {4, -1, 3, ML::U8}, {4, 4, 0, ML::U8},
                                           {4, 4, 5, ML::U8}, {4, 4, 3, ML::U16}, {1 << 30, 1 << 30, 4, ML::F32}})
         EXPECT_THROW(Frame(w, hgt, c, type), ML::Exception) << w << "x" << hgt << "x" << c << " type " << type;
@@ -138,7 +137,6 @@ TEST(FrameConvert, TypesRoundTripAndChannelsFollowGrayRgbAlphaRules) {
     third.setSample(0, 0, 0, 1.0f / 3.0f);
     EXPECT_EQ(convertType(third, ML::F16).sample(0, 0, 0), float(Imath::half(1.0f / 3.0f)));
     EXPECT_THROW(convertType(third, ML::I32), ML::Exception);
-
     Frame rgba(1, 1, 4, ML::F32);
     const float px[4] = {0.2f, 0.4f, 0.6f, 0.3f};
     for (int c = 0; c < 4; ++c) rgba.setSample(0, 0, c, px[c]);
@@ -148,7 +146,6 @@ TEST(FrameConvert, TypesRoundTripAndChannelsFollowGrayRgbAlphaRules) {
     EXPECT_NEAR(grayAlpha.sample(0, 0, 0), 0.2126f * 0.2f + 0.7152f * 0.4f + 0.0722f * 0.6f, 1e-6f);
     EXPECT_FLOAT_EQ(grayAlpha.sample(0, 0, 1), 0.3f);
     EXPECT_FLOAT_EQ(convertChannels(rgb, 4).sample(0, 0, 3), 1.0f);
-
     Frame gray(1, 1, 1, ML::U8);
     gray.setSample(0, 0, 0, 0.8f);
     const Frame spread = convertChannels(gray, 4);
@@ -188,8 +185,7 @@ TEST(SequencePattern, SpellsFrameNumbers) {
 }
 
 TEST(SequencePattern, RejectsNamesWithoutOneFrameNumber) {
-    EXPECT_NE(errorOf([] { SequencePattern("shot/frame.exr"); }).find("has no frame number"),
-              std::string::npos);
+    EXPECT_NE(errorOf([] { SequencePattern("shot/frame.exr"); }).find("has no frame number"), std::string::npos);
     // A placeholder in a folder name does not count.
     for (const char* bad : {"a.exr", "100%%.png", "a.%04d.%04d.exr", "a.##.%d.exr", "a.%s.png", "a.%4d.png",
                             "a.%x.png", "a.%", "a%0999d", "renders_%04d/frame.exr"}) {
@@ -221,28 +217,20 @@ TEST(SequencePattern, ListsFramesOnDisk) {
                              "frame.1.exr", "other.0002.exr", "frame.0006.png", ".frame.0010.exr.ab12.tmp"})
         writeText(dir / name, "x");
     fs::create_directory(dir / "frame.0009.exr");
-
     const SequencePattern p(dir / "frame.####.exr");
     EXPECT_EQ(p.framesOnDisk(), (std::vector<int>{3, 4, 5, 8}));
     const auto range = p.rangeOnDisk();
     ASSERT_TRUE(range);
     EXPECT_TRUE(*range == (FrameRange{3, 8}));
-    EXPECT_EQ(range->count(), 6);
-
     EXPECT_FALSE(SequencePattern(dir / "none.%04d.exr").rangeOnDisk());
     EXPECT_TRUE(SequencePattern(dir / "missing" / "a.%04d.exr").framesOnDisk().empty());
 }
 
 TEST(MediaKind, ChosenByPath) {
-    const std::pair<const char*, MediaKind> cases[] = {
-        {"shots/a.%04d.exr", MediaKind::Sequence}, {"a.####.png", MediaKind::Sequence},
-        {"a.%04d.mp4", MediaKind::Sequence},  // a pattern wins over the extension
-        {"clip.MP4", MediaKind::Video},            {"a.mov", MediaKind::Video},
-        {"a.mkv", MediaKind::Video},               {"a.avi", MediaKind::Video},
-        {"a.webm", MediaKind::Video},              {"still.exr", MediaKind::Image},
-        {"100%%.png", MediaKind::Image},
-    };
-    for (const auto& [path, kind] : cases) EXPECT_EQ(mediaKindOf(path), kind) << path;
+    // A pattern wins over the extension.
+    for (const char* p : {"shots/a.%04d.exr", "a.####.png", "a.%04d.mp4"}) EXPECT_EQ(mediaKindOf(p), MediaKind::Sequence) << p;
+    for (const char* p : {"clip.MP4", "a.mov", "a.mkv", "a.avi", "a.webm"}) EXPECT_EQ(mediaKindOf(p), MediaKind::Video) << p;
+    for (const char* p : {"still.exr", "100%%.png"}) EXPECT_EQ(mediaKindOf(p), MediaKind::Image) << p;
 }
 
 // Each kind written through a sink and read back through a source.
@@ -251,25 +239,21 @@ TEST(MediaSource, RoundTripsThroughSinkAndSource) {
     // A still image stands for every frame and takes one frame.
     const Frame still = gradient(12, 8, 4, ML::U8);
     auto image = MediaSink::create(dir / "still.png");
-    EXPECT_EQ(image->kind(), MediaKind::Image);
     EXPECT_THROW(image->finish(), ML::Exception);  // nothing written yet
     image->write(7, still);
     EXPECT_THROW(image->write(8, still), ML::Exception);
     image->finish();
     auto stillSource = MediaSource::open(dir / "still.png");
-    EXPECT_EQ(stillSource->kind(), MediaKind::Image);
     EXPECT_TRUE(stillSource->frameRange() == (FrameRange{0, 0}));
     EXPECT_FALSE(stillSource->frameRate().valid());
     EXPECT_EQ(stillSource->read(123), still);
 
     // A sequence's range comes from the disk; a gap in it is an error when read.
     auto sequence = MediaSink::create(dir / "shot.%04d.exr");
-    EXPECT_EQ(sequence->kind(), MediaKind::Sequence);
     for (int frame = 10; frame <= 13; ++frame) sequence->write(frame, gradient(8, 6, 3, ML::F16, frame));
     sequence->finish();
     fs::remove(dir / "shot.0012.exr");
     auto frames = MediaSource::open(dir / "shot.####.exr");
-    EXPECT_EQ(frames->kind(), MediaKind::Sequence);
     EXPECT_TRUE(frames->frameRange() == (FrameRange{10, 13}));
     EXPECT_EQ(frames->read(11), gradient(8, 6, 3, ML::F16, 11));
     const std::string e = errorOf([&] { frames->read(12); });
@@ -282,13 +266,11 @@ TEST(MediaSource, RoundTripsThroughSinkAndSource) {
     options.video.frameRate = FrameRate{30000, 1001};
     {
         auto video = MediaSink::create(dir / "clip.mkv", options);
-        EXPECT_EQ(video->kind(), MediaKind::Video);
         for (int frame = 100; frame < 103; ++frame) video->write(frame, gradient(16, 8, 3, ML::U8, frame));
         EXPECT_THROW(video->write(105, gradient(16, 8, 3, ML::U8)), ML::Exception);  // frames go in order
         video->finish();
     }
     auto clip = MediaSource::open(dir / "clip.mkv");
-    EXPECT_EQ(clip->kind(), MediaKind::Video);
     EXPECT_TRUE(clip->frameRange() == (FrameRange{0, 2}));
     EXPECT_TRUE(clip->frameRate() == (FrameRate{30000, 1001}));
     EXPECT_EQ(clip->read(1), gradient(16, 8, 3, ML::U8, 101));
@@ -296,8 +278,6 @@ TEST(MediaSource, RoundTripsThroughSinkAndSource) {
 
 TEST(MediaSource, ErrorsComeAtOpen) {
     TempDir dir;
-    EXPECT_THROW(MediaSource::open(dir / "none.png"), ML::Exception);
-    EXPECT_THROW(MediaSource::open(dir / "none.mp4"), ML::Exception);
     const std::string e = errorOf([&] { MediaSource::open(dir / "none.%04d.png"); });
     EXPECT_NE(e.find("No files found for sequence"), std::string::npos) << e;
     for (const char* out : {"missing/a.png", "missing/a.%04d.png", "missing/a.mp4", "a.unknownformat",
@@ -365,7 +345,6 @@ TEST(ImageIo, ErrorsNameTheProblemAndWritesLeaveNoFile) {
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     writeText(dir / "cut.exr", bytes.substr(0, bytes.size() / 2));
     const std::set<std::string> before = entries(dir.path());
-
     const Frame f = gradient(4, 4, 3, ML::F32);
     ImageWriteOptions poorJpeg;
     poorJpeg.jpegQuality = 0;
@@ -397,7 +376,6 @@ TEST(ImageIo, ErrorsNameTheProblemAndWritesLeaveNoFile) {
     const std::string empty = errorOf([&] { writeImage(dir / "empty.png", Frame()); });
     EXPECT_NE(empty.find("Cannot write an empty frame"), std::string::npos) << empty;
     EXPECT_EQ(entries(dir.path()), before);
-
     const fs::path locked = dir / "locked";
     fs::create_directory(locked);
     fs::permissions(locked, fs::perms::owner_read | fs::perms::owner_exec);
@@ -527,18 +505,15 @@ TEST(VideoTest, FailuresLeaveNothing) {
         abandoned.write(gradient(16, 16, 3, ML::U8));
         VideoWriter empty(dir / "empty.mkv");
         EXPECT_THROW(empty.finish(), ML::Exception);
-
         VideoWriter mixed(dir / "mixed.mkv");
         mixed.write(gradient(16, 16, 3, ML::U8));
         EXPECT_THROW(mixed.write(gradient(8, 8, 3, ML::U8)), ML::Exception);
         EXPECT_THROW(mixed.write(gradient(16, 16, 3, ML::U8)), ML::Exception);  // a failed writer stays failed
         EXPECT_THROW(mixed.finish(), ML::Exception);
-
         VideoWriteOptions mpeg4;
         mpeg4.codec = VideoCodec::MPEG4;
         // MPEG-4 part 2 needs even sizes.
         EXPECT_THROW(VideoWriter(dir / "odd.mp4", mpeg4).write(gradient(31, 15, 3, ML::U8)), ML::Exception);
-
         VideoWriter full(dir / "full.mkv");  // a disk that fills up part-way
         FileSizeLimit limit(8192);
         EXPECT_THROW(
@@ -549,7 +524,6 @@ TEST(VideoTest, FailuresLeaveNothing) {
             ML::Exception);
     }
     EXPECT_TRUE(entries(dir.path()).empty());
-
     writeText(dir / "junk.mp4", std::string(4000, 'j'));
     for (const fs::path& bad : {dir / "none.mp4", dir.path(), dir / "junk.mp4"})
         EXPECT_THROW(VideoReader{bad}, ML::Exception) << bad;

@@ -67,7 +67,6 @@ TEST(MakeTiles1D, ExactLayouts) {
     for (const Case& c : cases)
         EXPECT_EQ(makeTiles1D(c.start, c.end, c.exec, c.overlap), c.expected)
             << c.start << ".." << c.end << " exec " << c.exec << " overlap " << c.overlap;
-
     EXPECT_TRUE(failsWith([] { makeTiles1D(0, 100, 64, 32); },
                                        "execution size 64 must be larger than twice the overlap 32"));
     EXPECT_TRUE(failsWith([] { makeTiles1D(0, 100, 64, -1); }, "tile overlap must not be negative: -1"));
@@ -153,7 +152,6 @@ TEST(ChoosePlan, CheapestSizeWinsAndTiesKeepTheEarlier) {
         EXPECT_EQ(ExecSize(plan.execH, plan.execW), c.expected) << c.what;
         EXPECT_EQ(plan.tiles, makePlan(c.rect, plan.execW, plan.execH, c.overlap).tiles) << c.what;
     }
-
     ExecutionPlanMap none({});
     for (int attempt = 0; attempt < 2; ++attempt)  // a failed lookup leaves the map usable
         EXPECT_TRUE(failsWith([&] { none.get(Rect{0, 0, 10, 10}, 0); }, "no valid available execution plan?"));
@@ -209,7 +207,6 @@ struct MappingCase {
     int origin;
     Tile1D expected;  // unused when `error` is set
     const char* error = nullptr;
-
     Tile1D map() const {
         return scale > 0.0f ? mapTileToScaledInput(tile, limitStart, limitEnd, exec, scale, origin)
                             : mapTileToUpresInput(tile, limitStart, limitEnd, exec, factor, origin);
