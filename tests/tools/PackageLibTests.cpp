@@ -3,11 +3,11 @@
 
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 #include "Conversion.h"
 #include "GraphBuilder.h"
 #include "PackageFiles.h"
+#include "util/TempDir.h"
 
 namespace fs = std::filesystem;
 
@@ -24,8 +24,8 @@ TEST(GraphBuilder, RejectsAGraphTheCheckerRefuses) {
 }
 
 TEST(PackageFiles, FailedWriteLeavesTheOldFileAndNoTemporary) {
-    const fs::path dir = fs::temp_directory_path() / ("quillon-pkg-lib-test-" + std::to_string(std::random_device{}()));
-    fs::remove_all(dir);
+    TempDir temp;
+    const fs::path& dir = temp.path();
     fs::create_directories(dir / "target.json");  // a folder where the file should go: rename must fail
     EXPECT_THROW(qpkg::writeFileAtomic(dir / "target.json", "{}"), std::runtime_error);
     qpkg::writeFileAtomic(dir / "plain.json", "first");
@@ -40,7 +40,6 @@ TEST(PackageFiles, FailedWriteLeavesTheOldFileAndNoTemporary) {
         ++entries;
     }
     EXPECT_EQ(entries, 2u);
-    fs::remove_all(dir);
 }
 
 TEST(Conversion, NamesRoundTrip) {

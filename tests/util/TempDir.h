@@ -1,6 +1,6 @@
 #pragma once
-// A fresh folder per test, removed afterwards. Tests run as separate processes in parallel,
-// so the name carries the process id and the test's name.
+// A fresh folder, removed afterwards. Tests run as separate processes in parallel, so the name
+// carries the process id, the test's name and a count.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -10,8 +10,9 @@
 class TempDir {
 public:
     TempDir() {
+        static int made = 0;
         const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        std::string name = "quillon_util_" + std::to_string(::getpid());
+        std::string name = "quillon_test_" + std::to_string(::getpid()) + "_" + std::to_string(made++);
         if (info) name += std::string("_") + info->test_suite_name() + "_" + info->name();
         path_ = std::filesystem::temp_directory_path() / name;
         std::filesystem::remove_all(path_);
