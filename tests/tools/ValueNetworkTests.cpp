@@ -119,8 +119,8 @@ TEST_F(FixedSizeNetworks, SamplerKnownAnswers) {
 
 TEST_F(FixedSizeNetworks, SamplerWithSplitParametersGivesTheSameResult) {
     // Each integer is given as value / 256 and value % 256; negative ones split into a negative
-    // quotient and a negative remainder.
-    const std::vector<float> p{-300, 517, -299, 515, -300, 517, 1.25f};
+    // quotient and a negative remainder. The quotients differ, so that a wrong factor shows.
+    const std::vector<float> p{255, -256, 257, -256, 260, -255, 1.25f};
     std::vector<float> split;
     for (int i = 0; i < 6; ++i) {
         const int v = static_cast<int>(p[static_cast<size_t>(i)]);
