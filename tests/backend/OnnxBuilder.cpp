@@ -4,110 +4,85 @@
 
 #include <fstream>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 namespace TestNetworks {
 
 namespace {
 
-void describe(onnx::ValueInfoProto& info, const std::string& name, ElementType type, const std::vector<Dim>& dims) {
-    info.set_name(name);
-    onnx::TypeProto_Tensor* tensor = info.mutable_type()->mutable_tensor_type();
+// A port of the graph; extents of -1 are free, named by their position: "height", "width".
+void describe(onnx::ValueInfoProto* info, const std::string& name, int type, const std::vector<int64_t>& dims) {
+    info->set_name(name);
+    onnx::TypeProto_Tensor* tensor = info->mutable_type()->mutable_tensor_type();
     tensor->set_elem_type(type);
-    onnx::TensorShapeProto* shape = tensor->mutable_shape();
-    for (const Dim& dim : dims) {
-        onnx::TensorShapeProto_Dimension* d = shape->add_dim();
-        if (dim.name.empty())
-            d->set_dim_value(dim.value);
+    for (size_t i = 0; i < dims.size(); ++i) {
+        onnx::TensorShapeProto_Dimension* d = tensor->mutable_shape()->add_dim();
+        if (dims[i] >= 0)
+            d->set_dim_value(dims[i]);
         else
-            d->set_dim_param(dim.name);
+            d->set_dim_param(i == 2 ? "height" : "width");
     }
 }
 
-}  // namespace
-
-GraphBuilder& GraphBuilder::input(const std::string& name, ElementType type, const std::vector<Dim>& dims) {
-    inputs_.push_back({name, type, dims});
-    return *this;
+onnx::NodeProto* addNode(onnx::GraphProto* graph, const std::string& op, const std::vector<std::string>& inputs,
+                         const std::string& output) {
+    onnx::NodeProto* node = graph->add_node();
+    node->set_op_type(op);
+    node->set_name(output);
+    for (const std::string& in : inputs) node->add_input(in);
+    node->add_output(output);
+    return node;
 }
 
-GraphBuilder& GraphBuilder::output(const std::string& name, ElementType type, const std::vector<Dim>& dims) {
-    outputs_.push_back({name, type, dims});
-    return *this;
+void addCast(onnx::GraphProto* graph, const std::string& input, const std::string& output, int to) {
+    onnx::AttributeProto* attribute = addNode(graph, "Cast", {input}, output)->add_attribute();
+    attribute->set_name("to");
+    attribute->set_type(onnx::AttributeProto_AttributeType_INT);
+    attribute->set_i(to);
 }
 
-GraphBuilder& GraphBuilder::scalar(const std::string& name, float value) {
-    scalars_.emplace_back(name, value);
-    return *this;
-}
-
-GraphBuilder& GraphBuilder::node(const std::string& op, const std::vector<std::string>& inputs,
-                                 const std::vector<std::string>& outputs) {
-    nodes_.push_back({op, inputs, outputs, 0});
-    return *this;
-}
-
-GraphBuilder& GraphBuilder::cast(const std::string& input, const std::string& output, ElementType to) {
-    nodes_.push_back({"Cast", {input}, {output}, to});
-    return *this;
-}
-
-void GraphBuilder::save(const std::filesystem::path& file) const {
-    onnx::ModelProto model;
-    model.set_ir_version(8);
-    model.set_producer_name("quillon-tests");
-    onnx::OperatorSetIdProto* opset = model.add_opset_import();
-    opset->set_domain("");
-    opset->set_version(17);
-
-    onnx::GraphProto* graph = model.mutable_graph();
-    graph->set_name("test");
-    for (const Port& port : inputs_) describe(*graph->add_input(), port.name, port.type, port.dims);
-    for (const Port& port : outputs_) describe(*graph->add_output(), port.name, port.type, port.dims);
-    for (const auto& [name, value] : scalars_) {
-        onnx::TensorProto* tensor = graph->add_initializer();
-        tensor->set_name(name);
-        tensor->set_data_type(onnx::TensorProto_DataType_FLOAT);
-        tensor->add_float_data(value);
-    }
-    int counter = 0;
-    for (const Node& n : nodes_) {
-        onnx::NodeProto* node = graph->add_node();
-        node->set_op_type(n.op);
-        node->set_name(n.op + std::to_string(counter++));
-        for (const std::string& in : n.inputs) node->add_input(in);
-        for (const std::string& out : n.outputs) node->add_output(out);
-        if (n.castTo) {
-            onnx::AttributeProto* to = node->add_attribute();
-            to->set_name("to");
-            to->set_type(onnx::AttributeProto_AttributeType_INT);
-            to->set_i(n.castTo);
-        }
-    }
-
-    if (file.has_parent_path()) std::filesystem::create_directories(file.parent_path());
+void save(const onnx::ModelProto& model, const std::filesystem::path& file) {
+    std::filesystem::create_directories(file.parent_path());
     std::ofstream out(file, std::ios::binary);
     if (!out || !model.SerializeToOstream(&out)) throw std::runtime_error("Could not write " + file.string());
 }
 
+onnx::ModelProto emptyModel() {
+    onnx::ModelProto model;
+    model.set_ir_version(8);
+    model.set_producer_name("quillon-tests");
+    model.add_opset_import()->set_version(17);
+    model.mutable_graph()->set_name("test");
+    return model;
+}
+
+constexpr int kFloat = onnx::TensorProto_DataType_FLOAT, kHalf = onnx::TensorProto_DataType_FLOAT16;
+
+}  // namespace
+
 void writeCastAddNetwork(const std::filesystem::path& file, float addend) {
-    const std::vector<Dim> dims{1, 3, "height", "width"};
-    GraphBuilder()
-        .input("x", FLOAT16, dims)
-        .output("y", FLOAT16, dims)
-        .scalar("addend", addend)
-        .cast("x", "x32", FLOAT)
-        .node("Add", {"x32", "addend"}, {"y32"})
-        .cast("y32", "y", FLOAT16)
-        .save(file);
+    onnx::ModelProto model = emptyModel();
+    onnx::GraphProto* graph = model.mutable_graph();
+    describe(graph->add_input(), "x", kHalf, {1, 3, -1, -1});
+    describe(graph->add_output(), "y", kHalf, {1, 3, -1, -1});
+    onnx::TensorProto* constant = graph->add_initializer();
+    constant->set_name("addend");
+    constant->set_data_type(kFloat);
+    constant->add_float_data(addend);
+    addCast(graph, "x", "x32", kFloat);
+    addNode(graph, "Add", {"x32", "addend"}, "y32");
+    addCast(graph, "y32", "y", kHalf);
+    save(model, file);
 }
 
 void writeSumNetwork(const std::filesystem::path& file) {
-    GraphBuilder()
-        .input("a", FLOAT, {1, 4})
-        .input("b", FLOAT, {1, 4})
-        .output("sum", FLOAT, {1, 4})
-        .node("Add", {"a", "b"}, {"sum"})
-        .save(file);
+    onnx::ModelProto model = emptyModel();
+    onnx::GraphProto* graph = model.mutable_graph();
+    for (const char* name : {"a", "b"}) describe(graph->add_input(), name, kFloat, {1, 4});
+    describe(graph->add_output(), "sum", kFloat, {1, 4});
+    addNode(graph, "Add", {"a", "b"}, "sum");
+    save(model, file);
 }
 
 }  // namespace TestNetworks
