@@ -90,4 +90,15 @@ inline bool contains(const ML::Exception& e, const std::string& part) {
     return std::string(e.what()).find(part) != std::string::npos;
 }
 
+// The text of the std::exception the body raises.
+template <class F>
+std::string errorText(F&& body) {
+    try {
+        body();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "(no exception)";
+}
+
 }  // namespace BackendTest

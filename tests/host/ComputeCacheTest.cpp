@@ -101,35 +101,31 @@ TEST(ComputeCache, EvictsLeastRecentlyUsedToStayWithinBudget) {
 
     // An evicted buffer stays valid for its holder.
     EXPECT_EQ(QHost::bufferBytes(held), std::string(100, 'x'));
-}
 
-TEST(ComputeCache, EvictClearAndSmallerBudget) {
-    ComputeCache cache;
-    for (const char* key : {"a", "b", "c"}) ASSERT_TRUE(cache.store(key, ML::Ptr<ML::Buffer>(new ML::BufferImp(10))));
-    EXPECT_TRUE(cache.evict("b"));
-    EXPECT_FALSE(cache.evict("b"));
-    EXPECT_EQ(cache.keys(), (std::vector<std::string>{"c", "a"}));
+    // Entries go one by one, for a smaller budget, or all at once.
+    for (const char* key : {"a", "b"}) ASSERT_TRUE(cache.store(key, ML::Ptr<ML::Buffer>(new ML::BufferImp(10))));
+    EXPECT_TRUE(cache.evict("e"));
+    EXPECT_FALSE(cache.evict("e"));
     EXPECT_EQ(cache.bytes(), 20u);
     cache.setBudget(10);
-    EXPECT_EQ(cache.keys(), (std::vector<std::string>{"c"}));
+    EXPECT_EQ(cache.keys(), (std::vector<std::string>{"b"}));
     cache.clear();
-    EXPECT_EQ(cache.size(), 0u);
     EXPECT_EQ(cache.bytes(), 0u);
 }
 
 namespace {
+// A fill that computes another key of the same cache.
 struct Nested {
     ComputeCache* cache;
     std::string key;
     ML::i32 innerStatus = -1;
+    static ML::Result<void> fill(void*, void* user, ML::Ptr<ML::Buffer>) {
+        auto* nested = static_cast<Nested*>(user);
+        FillProbe probe;
+        nested->innerStatus = nested->cache->compute(nested->key, 4, &probeFill, nullptr, &probe).status;
+        return {};
+    }
 };
-
-ML::Result<void> nestedFill(void*, void* user, ML::Ptr<ML::Buffer>) {
-    auto* nested = static_cast<Nested*>(user);
-    FillProbe probe;
-    nested->innerStatus = nested->cache->compute(nested->key, 4, &probeFill, nullptr, &probe).status;
-    return {};
-}
 
 struct Gate {
     ComputeCache* cache;
@@ -150,12 +146,12 @@ ML::Result<void> gatedFill(void*, void* user, ML::Ptr<ML::Buffer> buffer) {
 TEST(ComputeCache, FillMayComputeOtherKeysButNotItsOwn) {
     ComputeCache cache;
     Nested other{&cache, "inner"};
-    ASSERT_EQ(cache.compute("outer", 4, &nestedFill, nullptr, &other).status, 0);
+    ASSERT_EQ(cache.compute("outer", 4, &Nested::fill, nullptr, &other).status, 0);
     EXPECT_EQ(other.innerStatus, 0);
     EXPECT_TRUE(cache.contains("inner"));
 
     Nested same{&cache, "self"};
-    ASSERT_EQ(cache.compute("self", 4, &nestedFill, nullptr, &same).status, 0);
+    ASSERT_EQ(cache.compute("self", 4, &Nested::fill, nullptr, &same).status, 0);
     EXPECT_EQ(same.innerStatus, ML::STATUS_OTHER);
     EXPECT_TRUE(cache.contains("self"));
 }

@@ -19,17 +19,6 @@ void say(const std::string& text) {
     if (g_logger) g_logger->log(ML::makeString(text));
 }
 
-int numBackends() { return 2; }
-ML::Ptr<ML::StringT<char>> backendName(int index) { return ML::makeString("fake" + std::to_string(index)); }
-ML::Ptr<ML::StringT<char>> backendDetail(int) { return ML::makeString("detail"); }
-int numDevices(int index) { return index + 1; }
-ML::Ptr<ML::StringT<char>> deviceName(int, int device) { return ML::makeString("device" + std::to_string(device)); }
-ML::Ptr<ML::StringT<char>> backendLabel(int) { return ML::makeString("label"); }
-int defaultBackend() { return 1; }
-int defaultDevice(int) { return 0; }
-int intPluginParam(int target, int param, int model) { return target * 100 + param * 10 + model; }
-ML::Ptr<ML::StringT<char>> stringPluginParam(int, int param, int) { return ML::makeString("param" + std::to_string(param)); }
-
 ML::Result<void> fillFrame(void*, void* user, ML::Ptr<ML::Buffer> buffer) {
     const ML::u32 frame = *static_cast<const ML::u32*>(user);
     if (buffer->getSize() != sizeof(frame)) return {ML::STATUS_OTHER, ML::makeString("wrong cache buffer size")};
@@ -72,9 +61,12 @@ extern "C" __attribute__((visibility("default"))) ML::i32 mlMain(ML::Host* host,
     switch (host->getCallMode(call)) {
         case 1: say("fake: init"); return 0;
         case 2: {
-            const ML::PluginQueryFunctions queries{numBackends, backendName, backendDetail, numDevices,
-                                                   deviceName,  backendLabel, defaultBackend, defaultDevice};
-            const ML::PluginParamFunctions params{intPluginParam, stringPluginParam, nullptr};
+            const auto name = [](int index) { return ML::makeString("fake" + std::to_string(index)); };
+            const auto deviceName = [](int, int device) { return ML::makeString("device" + std::to_string(device)); };
+            const ML::PluginQueryFunctions queries{[] { return 2; }, name, name, [](int index) { return index + 1; },
+                                                   deviceName, name, [] { return 1; }, [](int) { return 0; }};
+            const auto intParam = [](int target, int param, int model) { return target * 100 + param * 10 + model; };
+            const ML::PluginParamFunctions params{intParam, [](int, int, int) { return ML::makeString("p"); }, nullptr};
             host->setPluginQueryFunctions(call, &queries, &params);
             return 0;
         }

@@ -46,18 +46,14 @@ TEST_F(HostCall, AnswersParametersByIdAndIndexAndNotesThoseWithoutValue) {
     EXPECT_EQ(ML::toStd(host.getStringParam(call, 1, 0)), "/models/config");
     EXPECT_EQ(host.getIntParam(call, 302, 0), 0);
     EXPECT_EQ(host.getFloatParam(call, 500, 1), 0.0f);
-    ASSERT_TRUE(host.getStringParam(call, 2, 0));
     EXPECT_EQ(ML::toStd(host.getStringParam(call, 2, 0)), "");
     const auto defaulted = settings->defaultedParams();
     ASSERT_EQ(defaulted.size(), 3u);
-    EXPECT_EQ(defaulted[0].kind, QHost::DefaultedParam::INT);
     EXPECT_EQ(defaulted[1].id, 500);
     EXPECT_EQ(defaulted[2].kind, QHost::DefaultedParam::STRING);
-    EXPECT_EQ(host.getLogger(), &host.logger());
-    EXPECT_TRUE(host.misuse().empty());
 }
 
-TEST_F(HostCall, FindsImagesAndBuffersByFrameIdAndIndex) {
+TEST_F(HostCall, FindsImagesAndBuffersByFrameIdAndIndexAndMakesOutputBuffers) {
     const auto main3 = image({0, 0, 8, 8}), main4 = image({0, 0, 8, 8}), layer = image({0, 0, 4, 4});
     settings->setInputImage(3, main3);
     settings->setInputImage(4, main4);
@@ -70,45 +66,36 @@ TEST_F(HostCall, FindsImagesAndBuffersByFrameIdAndIndex) {
     EXPECT_EQ(absent.status, 0);
     EXPECT_FALSE(absent.value);
     EXPECT_EQ(host.getOutputImage(call, 3, {1, -1}).value.get(), layer.get());
-    EXPECT_FALSE(host.getOutputImage(call, 3, {0, -1}).value);
     EXPECT_EQ(QHost::bufferText(host.getInputBuffer(call, 3, {900, 2}).value), "[1,2]");
     EXPECT_FALSE(host.getInputBuffer(call, 3, {900, 1}).value);
 
+    // Output buffers are made on request, unless the settings say otherwise.
+    auto made = host.getOutputBuffer(call, 2, {234, -1});
+    made.value->resize(3);
+    std::memcpy(made.value->getData(), "ok", 3);
+    EXPECT_EQ(host.getOutputBuffer(call, 2, {234, -1}).value.get(), made.value.get());
+    EXPECT_EQ(QHost::bufferText(settings->outputBuffer(2, {234, -1})), "ok");
+    settings->setCreateOutputBuffers(false);
+    EXPECT_FALSE(host.getOutputBuffer(call, 2, {235, -1}).value);
+
     const auto requests = settings->inputImageRequests();
     ASSERT_EQ(requests.size(), 3u);
-    EXPECT_EQ(requests[0].key, ResourceKey(3, 0, -1));
-    ASSERT_TRUE(requests[0].wanted);
     EXPECT_EQ(*requests[0].wanted, wanted);
-    EXPECT_FALSE(requests[1].wanted);
     EXPECT_EQ(requests[2].key, ResourceKey(3, 0, 0));
     EXPECT_FALSE(requests[2].provided);
 }
 
-TEST_F(HostCall, CreatesOutputBuffersOnRequest) {
-    auto first = host.getOutputBuffer(call, 2, {234, -1});
-    ASSERT_TRUE(first.value);
-    first.value->resize(3);
-    std::memcpy(first.value->getData(), "ok", 3);
-    EXPECT_EQ(host.getOutputBuffer(call, 2, {234, -1}).value.get(), first.value.get());
-    EXPECT_EQ(QHost::bufferText(settings->outputBuffer(2, {234, -1})), "ok");
-    settings->setCreateOutputBuffers(false);
-    EXPECT_FALSE(host.getOutputBuffer(call, 2, {235, -1}).value);
-    EXPECT_EQ(settings->outputBuffers().size(), 1u);
-}
-
 TEST_F(HostCall, ProvidesMissingInputImagesOnceAndReportsProviderFailures) {
-    std::atomic<int> asked{0};
+    int asked = 0;
     settings->setInputImageProvider([&asked](ML::u32 frame, ML::ResourceId id, const ML::Rect*) -> ML::Ptr<ML::Image> {
         ++asked;
         if (frame == 99) throw std::runtime_error("no such frame file");
         return id.id == 0 ? image({0, 0, static_cast<ML::i32>(frame) + 1, 2}) : nullptr;
     });
     const auto five = host.getInputImage(call, 5, nullptr, {0, -1});
-    ASSERT_TRUE(five.value);
     EXPECT_EQ(five.value->getRect().x1, 6);
     EXPECT_EQ(host.getInputImage(call, 5, nullptr, {0, -1}).value.get(), five.value.get());
-    EXPECT_FALSE(host.getInputImage(call, 5, nullptr, {1, -1}).value);
-    EXPECT_FALSE(host.getInputImage(call, 5, nullptr, {1, -1}).value);
+    for (int i = 0; i < 2; ++i) EXPECT_FALSE(host.getInputImage(call, 5, nullptr, {1, -1}).value);
     EXPECT_EQ(asked, 2);
 
     const auto failed = host.getInputImage(call, 99, nullptr, {0, -1});
@@ -140,9 +127,7 @@ TEST_F(HostCall, CancelsAfterTheGivenNumberOfPollsAndRecordsProgress) {
     settings->resetCancel();
     EXPECT_FALSE(host.isCancelled(call));
 
-    host.setBusyLoading(call, true);
     host.setProgress(call, 0.5f);
-    EXPECT_TRUE(settings->isBusyLoading());
     EXPECT_EQ(settings->progress(), (std::vector<float>{0.5f}));
 }
 
@@ -178,10 +163,8 @@ TEST_F(HostCall, ComputeCacheGoesThroughTheHostsCache) {
 
     const auto requests = settings->cacheRequests();
     ASSERT_EQ(requests.size(), 4u);
-    EXPECT_TRUE(requests[0].compute);
     EXPECT_EQ(requests[0].key, "state:1");
-    EXPECT_TRUE(requests[1].found);
-    EXPECT_FALSE(requests[2].found);
+    EXPECT_TRUE(requests[1].found && !requests[1].compute);
     EXPECT_EQ(requests[3].status, ML::STATUS_OTHER);
     EXPECT_EQ(host.misuse().size(), 1u);
 }
@@ -205,31 +188,29 @@ TEST(Host, UnknownCallHandlesAreAnsweredHarmlesslyAndNoted) {
 namespace {
 // What one render of a frame does with the host, as a plug-in would: the frame's images, the
 // cached state of this and the two frames before, progress and an output buffer.
-ML::i32 renderFrame(ML::Host* host, ML::u64 call) {
-    try {
-        ML::u32 frame = host->getFrame(call);
-        const ML::Rect roi = ML::checkResult(host->getROI(call, frame));
-        const auto in = ML::checkResult(host->getInputImage(call, frame, &roi, {0, -1}));
-        if (!in || !ML::checkResult(host->getOutputImage(call, frame, {0, -1}))) return 4;
-        for (ML::u32 previous = frame > 2 ? frame - 2 : 0; previous <= frame; ++previous) {
-            ML::u32 wanted = previous;
-            const auto state = ML::checkResult(host->computeCachedBuffer(
-                call, &wanted, ML::makeString("frame:" + std::to_string(previous)), 4,
-                [](void*, void* user, ML::Ptr<ML::Buffer> buffer) {
-                    std::memcpy(buffer->getData(), user, sizeof(ML::u32));
-                    return ML::Result<void>{};
-                }));
-            if (std::memcmp(state->getData(), &previous, sizeof(previous)) != 0) return 4;
-        }
-        host->setProgress(call, 1.0f);
-        const auto text = ML::checkResult(host->getOutputBuffer(call, frame, {235, -1}));
-        const std::string line = std::to_string(host->getIntParam(call, 3, 0));
-        text->resize(line.size());
-        std::memcpy(text->getData(), line.data(), line.size());
-        return host->isCancelled(call) ? 1 : 0;
-    } catch (...) {
+ML::i32 renderFrame(ML::Host* host, ML::u64 call) try {
+    ML::u32 frame = host->getFrame(call);
+    const ML::Rect roi = ML::checkResult(host->getROI(call, frame));
+    if (!ML::checkResult(host->getInputImage(call, frame, &roi, {0, -1})) ||
+        !ML::checkResult(host->getOutputImage(call, frame, {0, -1})))
         return 4;
+    for (ML::u32 previous = frame > 2 ? frame - 2 : 0; previous <= frame; ++previous) {
+        const auto state = ML::checkResult(host->computeCachedBuffer(
+            call, &previous, ML::makeString("frame:" + std::to_string(previous)), 4,
+            [](void*, void* user, ML::Ptr<ML::Buffer> buffer) {
+                std::memcpy(buffer->getData(), user, 4);
+                return ML::Result<void>{};
+            }));
+        if (std::memcmp(state->getData(), &previous, 4) != 0) return 4;
     }
+    host->setProgress(call, 1.0f);
+    const auto text = ML::checkResult(host->getOutputBuffer(call, frame, {235, -1}));
+    const std::string line = std::to_string(host->getIntParam(call, 3, 0));
+    text->resize(line.size());
+    std::memcpy(text->getData(), line.data(), line.size());
+    return host->isCancelled(call) ? 1 : 0;
+} catch (...) {
+    return 4;
 }
 }  // namespace
 

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "Conversion.h"
 #include "GraphBuilder.h"
 #include "PackageFiles.h"
 #include "util/TempDir.h"
@@ -40,13 +39,4 @@ TEST(PackageFiles, FailedWriteLeavesTheOldFileAndNoTemporary) {
         ++entries;
     }
     EXPECT_EQ(entries, 2u);
-}
-
-TEST(Conversion, NamesRoundTrip) {
-    const std::vector<qpkg::FormatPair> pairs = qpkg::allConversionPairs();
-    ASSERT_EQ(pairs.size(), 36u * 35u);
-    for (const qpkg::FormatPair& p : pairs) {
-        const qpkg::FormatPair back = qpkg::parseConversionName(qpkg::conversionName(p.first, p.second));
-        EXPECT_TRUE(back.first == p.first && back.second == p.second);
-    }
 }

@@ -21,6 +21,7 @@ namespace tooltest {
 
 namespace {
 
+// U8, F16, F32 and I64 with their ONNX Runtime types and sizes.
 struct TypeInfo {
     ML::u32 type;
     ONNXTensorElementDataType ort;
@@ -31,49 +32,38 @@ const TypeInfo kTypes[] = {{ML::U8, ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8, 1},
                            {ML::F32, ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT, 4},
                            {ML::I64, ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64, 8}};
 
-const TypeInfo& byType(ML::u32 type) {
+const TypeInfo& typeInfo(ML::u32 type, ONNXTensorElementDataType ort = ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED) {
     for (const TypeInfo& t : kTypes)
-        if (t.type == type) return t;
+        if (ort == ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED ? t.type == type : t.ort == ort) return t;
     throw std::logic_error("unsupported test tensor type");
 }
 
-const TypeInfo& byOrt(ONNXTensorElementDataType type) {
-    for (const TypeInfo& t : kTypes)
-        if (t.ort == type) return t;
-    throw std::logic_error("unexpected output element type");
-}
-
-template <class T>
-void put(uint8_t* p, T value) {
-    std::memcpy(p, &value, sizeof(T));
-}
-
 std::vector<uint8_t> toBytes(const Tensor& t) {
-    const size_t size = byType(t.type).size;
+    const size_t size = typeInfo(t.type).size;
     std::vector<uint8_t> bytes(t.values.size() * size);
     for (size_t i = 0; i < t.values.size(); ++i) {
-        uint8_t* p = bytes.data() + i * size;
-        const float v = t.values[i];
-        switch (t.type) {
-            case ML::U8: *p = static_cast<uint8_t>(v); break;
-            case ML::F16: put(p, Imath::half(v).bits()); break;
-            case ML::F32: put(p, v); break;
-            default: put(p, static_cast<int64_t>(v));
-        }
+        const float f32 = t.values[i];
+        const uint16_t f16 = Imath::half(f32).bits();
+        const int64_t whole = static_cast<int64_t>(f32);  // little-endian: U8 is its first byte
+        const void* from = t.type == ML::F16 ? static_cast<const void*>(&f16) : &whole;
+        std::memcpy(bytes.data() + i * size, t.type == ML::F32 ? &f32 : from, size);
     }
     return bytes;
 }
 
-float fromBytes(ML::u32 type, const uint8_t* p) {
+std::vector<float> fromBytes(ML::u32 type, const uint8_t* p, size_t count) {
+    std::vector<float> values(count);
     uint16_t f16;
-    float f32;
     int64_t i64;
-    switch (type) {
-        case ML::U8: return *p;
-        case ML::F16: std::memcpy(&f16, p, 2); return Imath::half(Imath::half::FromBits, f16);
-        case ML::F32: std::memcpy(&f32, p, 4); return f32;
-        default: std::memcpy(&i64, p, 8); return static_cast<float>(i64);
+    for (size_t i = 0; i < count; ++i, p += typeInfo(type).size) {
+        switch (type) {
+            case ML::U8: values[i] = *p; break;
+            case ML::F16: std::memcpy(&f16, p, 2); values[i] = Imath::half(Imath::half::FromBits, f16); break;
+            case ML::F32: std::memcpy(&values[i], p, 4); break;
+            default: std::memcpy(&i64, p, 8); values[i] = static_cast<float>(i64);
+        }
     }
+    return values;
 }
 
 Ort::Env& env() {
@@ -103,8 +93,7 @@ Tensor makeTensor(ML::u32 type, std::vector<int64_t> shape, std::vector<float> v
     if (values.empty()) values.assign(count, 0.0f);
     if (values.size() != count) throw std::logic_error("makeTensor: wrong number of values");
     Tensor t{type, std::move(shape), std::move(values)};
-    const std::vector<uint8_t> bytes = toBytes(t);
-    for (size_t i = 0; i < count; ++i) t.values[i] = fromBytes(type, bytes.data() + i * byType(type).size);
+    t.values = fromBytes(type, toBytes(t).data(), count);
     return t;
 }
 
@@ -129,18 +118,16 @@ std::vector<Tensor> Network::run(const std::vector<Tensor>& inputs) {
     for (const Tensor& t : inputs) {
         bytes.push_back(toBytes(t));
         values.push_back(Ort::Value::CreateTensor(mem, bytes.back().data(), bytes.back().size(), t.shape.data(),
-                                                  t.shape.size(), byType(t.type).ort));
+                                                  t.shape.size(), typeInfo(t.type).ort));
     }
     std::vector<Ort::Value> outs = session.Run(Ort::RunOptions{nullptr}, inNames.data(), values.data(), values.size(),
                                                outNames.data(), outNames.size());
     std::vector<Tensor> result;
     for (Ort::Value& v : outs) {
         const Ort::TensorTypeAndShapeInfo shape = v.GetTensorTypeAndShapeInfo();
-        const TypeInfo& type = byOrt(shape.GetElementType());
-        Tensor t{type.type, shape.GetShape(), std::vector<float>(shape.GetElementCount())};
-        const auto* data = static_cast<const uint8_t*>(v.GetTensorRawData());
-        for (size_t i = 0; i < t.values.size(); ++i) t.values[i] = fromBytes(type.type, data + i * type.size);
-        result.push_back(std::move(t));
+        const ML::u32 type = typeInfo(0, shape.GetElementType()).type;
+        result.push_back({type, shape.GetShape(),
+                          fromBytes(type, static_cast<const uint8_t*>(v.GetTensorRawData()), shape.GetElementCount())});
     }
     return result;
 }

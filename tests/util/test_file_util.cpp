@@ -53,17 +53,6 @@ TEST(FileExists, NotFoundIsFalseOtherQueryErrorsThrow) {
     EXPECT_THROW(ML::fileExists(dir / "loop_a"), fs::filesystem_error);
 }
 
-TEST(BinaryFile, WriteTruncatesAndReadKeepsEveryByte) {
-    TempDir dir;
-    std::string bytes;
-    for (int i = 0; i < 1000; ++i) bytes += static_cast<char>(i * 7);
-    ML::writeBinaryFile(dir / "b.dat", bytes.data(), bytes.size());
-    EXPECT_EQ(ML::readBinaryFile(dir / "b.dat"), bytes);
-    EXPECT_EQ(ML::readTextFile(dir / "b.dat"), bytes);
-    ML::writeBinaryFile(dir / "b.dat", "xy", 2);
-    EXPECT_EQ(ML::readBinaryFile(dir / "b.dat"), "xy");
-}
-
 TEST(BinaryFile, FailuresNameThePath) {
     TempDir dir;
     const fs::path missing = dir / "missing.json";

@@ -1,4 +1,4 @@
-// Image description and the shared image helpers: strides, clear, slices, views and refusals.
+// The shared image helpers and image descriptions: clear, slices, views and refusals.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -18,17 +18,6 @@ using ML::Rect;
 Ptr<Image> makeImage(const Rect& r, ML::u32 format, ML::u32 layout, ML::u32 type, void* data, ML::u32 rowBytes = 0,
                      ML::u32 channelBytes = 0) {
     return Ptr<Image>(new ImageImp(r, format, layout, type, data, rowBytes, channelBytes));
-}
-
-TEST(ImageStrides, RowBytesComputedOrStored) {
-    float pixels[64] = {};
-    const Rect r{0, 0, 5, 2};
-    EXPECT_EQ(ImageImp(r, Image::RGBA, Image::HWC, ML::F32, pixels, 0, 0).getRowBytes(), 80u);
-    EXPECT_EQ(ImageImp(r, Image::RGBA, Image::CHW, ML::F32, pixels, 0, 0).getRowBytes(), 20u);
-    EXPECT_EQ(ImageImp(r, Image::RGBA, Image::HWC, ML::F32, pixels, 128, 0).getRowBytes(), 128u);
-    EXPECT_EQ(ImageImp(r, Image::RG, Image::HWC, ML::F16, pixels, 0, 0).getRowBytes(), 20u);
-    EXPECT_EQ(ImageImp(Rect{3, 0, 10, 1}, Image::BGR, Image::HWC, ML::U8, pixels, 0, 0).getRowBytes(), 21u);
-    EXPECT_EQ(ImageImp(r, Image::RGB, Image::CHW, ML::F32, pixels, 0, 16).getChannelBytes(), 16u);
 }
 
 TEST(ImageHelpers, FailuresNameTheirCause) {
@@ -54,7 +43,6 @@ TEST(ImageHelpers, FailuresNameTheirCause) {
         {false, [&] { ImageImp(r, Image::RGB, Image::CHW, ML::F32, a, 0, 0).getChannelBytes(); },
          "not implemented! get packed channel bytes for CHW image!\n"},
         {false, [&] { ImageImp(r, Image::RGB, Image::HWC, ML::U16); }, "Unsupported image data type"},
-        {false, [&] { ImageImp(r, Image::RGB, Image::HWC, ML::I8, a, 0, 0); }, "Unsupported image data type"},
         {true, [] { ML::channelCount(6); }, "Unexpected channel format!"},
         {true, [] { ML::formatName(6); }, "Unknown channel format type"},
         {true, [] { ML::layoutName(2); }, "Unknown layout type"},
@@ -62,10 +50,8 @@ TEST(ImageHelpers, FailuresNameTheirCause) {
         {true, [] { ML::pixelTypeName(ML::U16); }, "Unknown pixel type"},
         {true, [&] { ML::clearImage(makeImage(r, Image::RGB, Image::CHW, ML::F32, a)); },
          "clearImage only supports HWC images for now"},
-        {true, [&] { ML::copySlice(rgb, makeImage(r, Image::RGBA, Image::HWC, ML::F32, b), r, r); },
-         "copySlice output image does not match input image format: (F32-RGB-HWC vs F32-RGBA-HWC)"},
-        {true, [&] { ML::copySlice(rgb, makeImage(r, Image::RGB, Image::CHW, ML::F16, b), r, r); },
-         "copySlice output image does not match input image format: (F32-RGB-HWC vs F16-RGB-CHW)"},
+        {true, [&] { ML::copySlice(rgb, makeImage(r, Image::RGBA, Image::CHW, ML::F16, b), r, r); },
+         "copySlice output image does not match input image format: (F32-RGB-HWC vs F16-RGBA-CHW)"},
         {true, [&] { ML::copySlice(r4, r4out, Rect{0, 0, 2, 2}, Rect{10, 10, 13, 12}); },
          "copySlice input and output rectangles must have same shape: (0,0->2,2) vs (10,10->13,12)"},
         {true, [&] { ML::copySlice(r4, r4out, Rect{2, 2, 5, 4}, Rect{10, 10, 13, 12}); },
