@@ -7,7 +7,9 @@
 using namespace ML;
 
 // Read by the tests through a handle of their own.
-extern "C" __attribute__((visibility("default"))) int fakeShutdownCount = 0;
+extern "C" {
+__attribute__((visibility("default"))) int fakeShutdownCount = 0;
+}
 
 namespace {
 [[maybe_unused]] i32 fail(Backend::ApiCall* call, i32 status, const std::string& text) {
@@ -21,7 +23,8 @@ extern "C" __attribute__((visibility("default"))) i32 mlMain(Backend::ApiCall* c
     try {
         const i32 type = call->getCallType();
 #if defined(FAKE_FAILING)
-        if (type == Backend::INIT_CALL) return fail(call, call->getDeviceId() == 0 ? 2 : call->getDeviceId(), "fake init failure");
+        if (type == Backend::INIT_CALL)
+            return fail(call, call->getDeviceId() == 0 ? 2 : static_cast<i32>(call->getDeviceId()), "fake init failure");
         const std::wstring path = type == Backend::LOAD_MODEL_CALL ? toStd(call->getModelPath()) : L"";
         return fail(call, 2, "path=" + std::string(path.begin(), path.end()));
 #else

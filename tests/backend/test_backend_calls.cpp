@@ -20,12 +20,11 @@ std::filesystem::path fake(const std::string& variant) {
 }  // namespace
 
 TEST(BackendLibrary, RefusesLibrariesWithoutBothEntryPoints) {
-    const struct {
-        const char* variant;
-        const char* text;
-    } cases[] = {{"does_not_exist", "Could not load dynamic library: "},
-                 {"no_shutdown", "Could not find dynamic library shutdown function: "},
-                 {"no_main", "Could not find dynamic library main function: "}};
+    const struct { const char* variant; const char* text; } cases[] = {
+        {"does_not_exist", "Could not load dynamic library: "},
+        {"no_shutdown", "Could not find dynamic library shutdown function: "},
+        {"no_main", "Could not find dynamic library main function: "},
+    };
     for (const auto& c : cases) {
         const std::string text = errorText([&] { BackendLibrary dll(fake(c.variant)); });
         EXPECT_EQ(text.rfind(c.text + fake(c.variant).string(), 0), 0u) << text;
@@ -54,14 +53,10 @@ TEST(BackendLibrary, UnloadCallsShutdownOnceAndStopsCalls) {
 }
 
 TEST(GetAvailableDevicesCall, CollectsDevicesDefaultLabelAndDetail) {
-    const struct {
-        const char* variant;
-        std::vector<std::string> devices;
-        int defaultDevice;
-        const char* detail;
-    } cases[] = {{"good", {"Fake A", "Fake B"}, 1, "Fake detail"},
-                 {"no_default", {"Fake A", "Fake B"}, -1, "Fake without default"},
-                 {"zero_devices", {}, -1, ""}};
+    const struct { const char* variant; std::vector<std::string> devices; int defaultDevice; const char* detail; } cases[] =
+        {{"good", {"Fake A", "Fake B"}, 1, "Fake detail"},
+         {"no_default", {"Fake A", "Fake B"}, -1, "Fake without default"},
+         {"zero_devices", {}, -1, ""}};
     for (const auto& c : cases) {
         BackendLibrary dll(fake(c.variant));
         Backend::GetAvailableDevicesCall call(dll);
@@ -85,13 +80,11 @@ TEST(GetAvailableDevicesCall, SlotsOfOtherCallsRefuseOnBothSides) {
 TEST(CheckBackendResult, StatusesBecomeExceptionsWithTheBackendsText) {
     // The failing stand-in answers an initialise call with the device id as its status.
     BackendLibrary dll(fake("failing"));
-    const struct {
-        u32 status;
-        Exception::Code code;
-        const char* text;
-    } cases[] = {{1, Exception::CANCEL, "BACKEND/CANCEL: "},
-                 {2, Exception::HOST, "BACKEND/HOST: fake init failure"},
-                 {7, Exception::INTERNAL, "BACKEND/INTERNAL: fake init failure"}};
+    const struct { u32 status; Exception::Code code; const char* text; } cases[] = {
+        {1, Exception::CANCEL, "BACKEND/CANCEL: "},
+        {2, Exception::HOST, "BACKEND/HOST: fake init failure"},
+        {7, Exception::INTERNAL, "BACKEND/INTERNAL: fake init failure"},
+    };
     for (const auto& c : cases) {
         const Exception e = exceptionOf([&] { Backend::InitCall call(dll, c.status, "", "", nullptr); });
         EXPECT_EQ(e.source(), Exception::BACKEND) << c.status;

@@ -44,11 +44,7 @@ TEST_F(OrtErrors, BindingsThatDoNotFitAreNamedBeforeRunning) {
     auto t = context->createTensor({1, 4}, F32);
     auto flat = context->createTensor({4}, F32);
     auto wide = context->createTensor({1, 5}, F32);
-    const struct {
-        BackendModel* model;
-        TensorList in, out;
-        const char* text;
-    } cases[] = {
+    const struct { BackendModel* model; TensorList in, out; const char* text; } cases[] = {
         {addOne.get(), {f32}, {f16},
          "BACKEND/INTERNAL: Network 'add_one' input 0 'x' expects F16 [1,3,height,width], the tensor is F32 [1,3,2,2]"},
         {sum.get(), {t, flat}, {t}, "BACKEND/INTERNAL: Network 'sum' input 1 'b' expects F32 [1,4], the tensor is F32 [4]"},

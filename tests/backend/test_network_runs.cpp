@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 #include "BackendTestUtil.h"
@@ -26,15 +27,12 @@ protected:
 };
 
 TEST_F(OrtRuns, CastAddNetworksRunWithAnySizeAndLoadOptions) {
-    const struct {
-        const char* path;
-        const char* options;
-        float addend;
-        std::vector<u64> sizes;
-    } cases[] = {{"add_one", "", 1, {1, 7, 32, 3}},
-                 {"nets\\add_two", "", 2, {2}},  // backslashes are accepted
-                 {"add_one", R"({"free_dim_overrides":{"height":5,"width":5}})", 1, {5}},
-                 {"add_one", R"({"intra_op_threads":1})", 1, {4}}};
+    const struct { const char* path; const char* options; float addend; std::vector<u64> sizes; } cases[] = {
+        {"add_one", "", 1, {1, 7, 32, 3}},
+        {"nets\\add_two", "", 2, {2}},  // backslashes are accepted
+        {"add_one", R"({"free_dim_overrides":{"height":5,"width":5}})", 1, {5}},
+        {"add_one", R"({"intra_op_threads":1})", 1, {4}},
+    };
     for (const auto& c : cases) {
         auto model = context->loadModel(c.path, c.options);
         for (u64 size : c.sizes) expectAdds(*model, c.addend, size, std::string(c.path) + " " + c.options);
@@ -64,58 +62,47 @@ TEST_F(OrtRuns, TwoInputNetworkBindsByPositionAndViewsBindLikeTensors) {
     EXPECT_EQ(result, (std::vector<float>{12, 24, 36, 48}));
 }
 
-TEST_F(OrtRuns, TwoThreadsLoadAndRunTwoNetworksAtOnce) {
-    std::atomic<int> wrong{0};
-    const auto work = [&](const char* name, float addend, float start) {
+// Two threads together: each runs a network many times on inputs that change every run, taking
+// the network from next() every 1000 runs; outputs other than input + addend count as wrong.
+static int wrongInTwoThreads(ModelContext& context, const std::function<std::shared_ptr<BackendModel>(int thread)>& next,
+                      const float addends[2]) {
+    std::atomic<int> wrong{0}, ready{0};
+    const auto work = [&](int thread) {
         try {
-            for (int load = 0; load < 4; ++load) {
-                auto model = context->loadModel(name);
-                auto x = context->createTensor({1, 3, 16, 16}, F16);
-                auto y = context->createTensor({1, 3, 16, 16}, F16);
-                std::vector<Imath::half> out(768);
-                for (int i = 0; i < 50; ++i) {
-                    const float value = start + static_cast<float>(i);
-                    const auto in = halves(std::vector<float>(768, value));
-                    x->upload(in.data());
-                    model->run({x}, {y});
-                    y->download(out.data());
-                    for (const Imath::half h : out)
-                        if (static_cast<float>(h) != value + addend) ++wrong;
-                }
+            auto x = context.createTensor({1, 3, 4, 4}, F16);
+            auto y = context.createTensor({1, 3, 4, 4}, F16);
+            std::vector<Imath::half> out(48);
+            std::shared_ptr<BackendModel> model;
+            for (++ready; ready < 2;) std::this_thread::yield();
+            for (int i = 0; i < 10000; ++i) {
+                if (i % 1000 == 0) model = next(thread);
+                const float value = static_cast<float>(100 * thread + i % 64);
+                const auto in = halves(std::vector<float>(48, value));
+                x->upload(in.data());
+                model->run({x}, {y});
+                y->download(out.data());
+                for (const Imath::half h : out)
+                    if (static_cast<float>(h) != value + addends[thread]) ++wrong;
             }
         } catch (...) {
             ++wrong;
         }
     };
-    std::thread first(work, "add_one", 1.0f, 0.0f);
-    std::thread second(work, "nets/add_two", 2.0f, 100.0f);
+    std::thread first(work, 0), second(work, 1);
     first.join();
     second.join();
-    EXPECT_EQ(wrong.load(), 0);
+    return wrong;
+}
+
+TEST_F(OrtRuns, TwoThreadsLoadAndRunTwoNetworksAtOnce) {
+    const float addends[2] = {1.0f, 2.0f};
+    const auto load = [&](int thread) { return context->loadModel(thread ? "nets/add_two" : "add_one"); };
+    EXPECT_EQ(wrongInTwoThreads(*context, load, addends), 0);
 }
 
 TEST_F(OrtRuns, OneNetworkSharedByTwoThreadsStaysConsistent) {
     // The model's own lock keeps each thread's bindings together for its run.
     auto model = context->loadModel("add_one");
-    std::atomic<int> wrong{0}, ready{0};
-    const auto work = [&](float start) {
-        auto x = context->createTensor({1, 3, 4, 4}, F16);
-        auto y = context->createTensor({1, 3, 4, 4}, F16);
-        std::vector<Imath::half> out(48);
-        for (++ready; ready < 2;) std::this_thread::yield();
-        for (int i = 0; i < 10000; ++i) {
-            const float value = start + static_cast<float>(i % 64);
-            const auto in = halves(std::vector<float>(48, value));
-            x->upload(in.data());
-            model->run({x}, {y});
-            y->download(out.data());
-            for (const Imath::half h : out)
-                if (static_cast<float>(h) != value + 1.0f) ++wrong;
-        }
-    };
-    std::thread first(work, 0.0f);
-    std::thread second(work, 100.0f);
-    first.join();
-    second.join();
-    EXPECT_EQ(wrong.load(), 0);
+    const float addends[2] = {1.0f, 1.0f};
+    EXPECT_EQ(wrongInTwoThreads(*context, [&](int) { return model; }, addends), 0);
 }

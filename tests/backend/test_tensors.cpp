@@ -60,13 +60,12 @@ TEST_F(OrtTensors, RefusalsComeFromTheBackend) {
     auto i32x8 = context->createTensor({8}, I32);
     auto i32x4 = context->createTensor({4}, I32);
     auto u8x100 = context->createTensor({100}, U8);
-    const struct {
-        std::function<void()> body;
-        const char* text;
-    } cases[] = {{[&] { i32x4->copyFrom(*i32x8); }, "32 bytes into 16"},
-                 {[&] { u8x100->view({100}, F32); }, "needs 400 bytes, the tensor has 100"},
-                 {[&] { context->createTensor({4}, 11); }, "Unknown tensor data type 11"},
-                 {[&] { context->createTensor({u64(1) << 62, 16}, F32); }, ""}};  // not allocated
+    const struct { std::function<void()> body; const char* text; } cases[] = {
+        {[&] { i32x4->copyFrom(*i32x8); }, "32 bytes into 16"},
+        {[&] { u8x100->view({100}, F32); }, "needs 400 bytes, the tensor has 100"},
+        {[&] { context->createTensor({4}, 11); }, "Unknown tensor data type 11"},
+        {[&] { context->createTensor({u64(1) << 62, 16}, F32); }, ""},  // not allocated
+    };
     for (const auto& c : cases) {
         const Exception e = exceptionOf(c.body);
         EXPECT_EQ(e.source(), Exception::BACKEND) << c.text;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <stdexcept>
 #include <thread>
@@ -13,7 +12,6 @@
 using QHost::CallSettings;
 using QHost::HostOperation;
 using QHost::OwnedImage;
-using QHost::ResourceKey;
 
 namespace {
 
@@ -62,9 +60,7 @@ TEST_F(HostCall, FindsImagesAndBuffersByFrameIdAndIndexAndMakesOutputBuffers) {
     const ML::Rect wanted{1, 2, 5, 6};
     EXPECT_EQ(host.getInputImage(call, 3, &wanted, {0, -1}).value.get(), main3.get());
     EXPECT_EQ(host.getInputImage(call, 4, nullptr, {0, -1}).value.get(), main4.get());
-    const auto absent = host.getInputImage(call, 3, nullptr, {0, 0});
-    EXPECT_EQ(absent.status, 0);
-    EXPECT_FALSE(absent.value);
+    EXPECT_FALSE(host.getInputImage(call, 3, nullptr, {0, 0}).value);
     EXPECT_EQ(host.getOutputImage(call, 3, {1, -1}).value.get(), layer.get());
     EXPECT_EQ(QHost::bufferText(host.getInputBuffer(call, 3, {900, 2}).value), "[1,2]");
     EXPECT_FALSE(host.getInputBuffer(call, 3, {900, 1}).value);
@@ -77,11 +73,9 @@ TEST_F(HostCall, FindsImagesAndBuffersByFrameIdAndIndexAndMakesOutputBuffers) {
     EXPECT_EQ(QHost::bufferText(settings->outputBuffer(2, {234, -1})), "ok");
     settings->setCreateOutputBuffers(false);
     EXPECT_FALSE(host.getOutputBuffer(call, 2, {235, -1}).value);
-
     const auto requests = settings->inputImageRequests();
     ASSERT_EQ(requests.size(), 3u);
     EXPECT_EQ(*requests[0].wanted, wanted);
-    EXPECT_EQ(requests[2].key, ResourceKey(3, 0, 0));
     EXPECT_FALSE(requests[2].provided);
 }
 
@@ -160,12 +154,9 @@ TEST_F(HostCall, ComputeCacheGoesThroughTheHostsCache) {
     EXPECT_EQ(host.findCachedBuffer(call, ML::makeString("state:1")).value.get(), filled.value.get());
     EXPECT_FALSE(host.findCachedBuffer(call, ML::makeString("state:2")).value);
     EXPECT_EQ(host.computeCachedBuffer(call, nullptr, nullptr, 8, &recordOpaque).status, ML::STATUS_OTHER);
-
     const auto requests = settings->cacheRequests();
     ASSERT_EQ(requests.size(), 4u);
-    EXPECT_EQ(requests[0].key, "state:1");
     EXPECT_TRUE(requests[1].found && !requests[1].compute);
-    EXPECT_EQ(requests[3].status, ML::STATUS_OTHER);
     EXPECT_EQ(host.misuse().size(), 1u);
 }
 
@@ -183,59 +174,4 @@ TEST(Host, UnknownCallHandlesAreAnsweredHarmlesslyAndNoted) {
     ASSERT_EQ(misuse.size(), 5u);
     EXPECT_NE(misuse[0].find("getCallMode"), std::string::npos);
     EXPECT_THROW(host.beginCall(nullptr), std::invalid_argument);
-}
-
-namespace {
-// What one render of a frame does with the host, as a plug-in would: the frame's images, the
-// cached state of this and the two frames before, progress and an output buffer.
-ML::i32 renderFrame(ML::Host* host, ML::u64 call) try {
-    ML::u32 frame = host->getFrame(call);
-    const ML::Rect roi = ML::checkResult(host->getROI(call, frame));
-    if (!ML::checkResult(host->getInputImage(call, frame, &roi, {0, -1})) ||
-        !ML::checkResult(host->getOutputImage(call, frame, {0, -1})))
-        return 4;
-    for (ML::u32 previous = frame > 2 ? frame - 2 : 0; previous <= frame; ++previous) {
-        const auto state = ML::checkResult(host->computeCachedBuffer(
-            call, &previous, ML::makeString("frame:" + std::to_string(previous)), 4,
-            [](void*, void* user, ML::Ptr<ML::Buffer> buffer) {
-                std::memcpy(buffer->getData(), user, 4);
-                return ML::Result<void>{};
-            }));
-        if (std::memcmp(state->getData(), &previous, 4) != 0) return 4;
-    }
-    host->setProgress(call, 1.0f);
-    const auto text = ML::checkResult(host->getOutputBuffer(call, frame, {235, -1}));
-    const std::string line = std::to_string(host->getIntParam(call, 3, 0));
-    text->resize(line.size());
-    std::memcpy(text->getData(), line.data(), line.size());
-    return host->isCancelled(call) ? 1 : 0;
-} catch (...) {
-    return 4;
-}
-}  // namespace
-
-TEST(Host, ServesSeveralCallsFromSeveralThreads) {
-    QHost::Host host(std::make_shared<QHost::ComputeCache>(40));
-    constexpr int threads = 4, frames = 30;
-    std::vector<std::thread> pool;
-    std::atomic<int> bad{0};
-    for (int t = 0; t < threads; ++t)
-        pool.emplace_back([&, t] {
-            for (int f = 0; f < frames; ++f) {
-                const ML::u32 frame = static_cast<ML::u32>(f * threads + t);
-                auto settings = std::make_shared<CallSettings>(4, 1);
-                settings->setFrame(frame);
-                settings->setModelIndex(static_cast<int>(frame));
-                settings->setInputImage(frame, image({0, 0, 4, 4}));
-                settings->setOutputImage(frame, image({0, 0, 4, 4}));
-                if (host.run(&renderFrame, settings) != 0) ++bad;
-                if (QHost::bufferBytes(settings->outputBuffer(frame, {235, -1})) != std::to_string(frame)) ++bad;
-                if (settings->progress() != std::vector<float>{1.0f}) ++bad;
-            }
-        });
-    for (auto& t : pool) t.join();
-    EXPECT_EQ(bad, 0);
-    EXPECT_EQ(host.activeCalls(), 0u);
-    EXPECT_LE(host.cache().bytes(), 40u);
-    EXPECT_TRUE(host.misuse().empty());
 }

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 #include "Host/BufferText.h"
 #include "Host/OwnedImage.h"
@@ -93,4 +95,26 @@ TEST(PluginLibrary, PrepareAsksForTheRegionAndRenderUsesCacheAndOutputs) {
     auto refused = frameSettings(8);
     refused->failOperation(QHost::HostOperation::OUTPUT_IMAGE, ML::STATUS_HOST, "no output");
     EXPECT_EQ(plugin.run(host, refused, 3), ML::STATUS_HOST);
+}
+
+TEST(PluginLibrary, ServesSeveralCallsFromSeveralThreads) {
+    // Neighbouring frames share cache keys; the budget holds only ten of them.
+    QHost::Host host(std::make_shared<QHost::ComputeCache>(40));
+    PluginLibrary plugin(FAKE_PLUGIN);
+    std::atomic<int> bad{0};
+    std::vector<std::thread> pool;
+    for (ML::u32 t = 0; t < 4; ++t)
+        pool.emplace_back([&, t] {
+            for (ML::u32 frame = t; frame < 120; frame += 4) {
+                auto settings = frameSettings(frame);
+                if (plugin.run(host, settings, 4) != 0 || settings->progress() != std::vector<float>{1.0f} ||
+                    QHost::bufferText(settings->outputBuffer(frame, {7, -1})) != "frame " + std::to_string(frame))
+                    ++bad;
+            }
+        });
+    for (auto& t : pool) t.join();
+    EXPECT_EQ(bad, 0);
+    EXPECT_EQ(host.activeCalls(), 0u);
+    EXPECT_LE(host.cache().bytes(), 40u);
+    EXPECT_TRUE(host.misuse().empty());
 }

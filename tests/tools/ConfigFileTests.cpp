@@ -24,17 +24,13 @@ TEST(ConfigFiles, SixteenFilesWithOneWellFormedModelEach) {
         ASSERT_EQ(tiles.size(), 1u);
         EXPECT_GT(tiles[0].at("execH").get<int>(), 0);
         EXPECT_GT(tiles[0].at("execW").get<int>(), 0);
+        // Depth names its stand-in networks, with their tile.
+        if (file != "depth_config.json") continue;
+        EXPECT_EQ(m["modelType"], "da2");
+        EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":256,"execW":256}])"));
+        for (const char* suffix : {".onnx", "_colorize.onnx"})
+            EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
     }
-}
-
-TEST(ConfigFiles, DepthNamesItsStandInNetworks) {
-    const nlohmann::json j = nlohmann::json::parse(ML::readBinaryFile(packageConfigFolder() / "depth_config.json"));
-    const nlohmann::json& m = j["availableModels"][0];
-    EXPECT_EQ(m["modelType"], "da2");
-    EXPECT_EQ(m["modelId"], "depth_standin");
-    EXPECT_EQ(m["params"]["availableTileSizes"], nlohmann::json::parse(R"([{"execH":256,"execW":256}])"));
-    EXPECT_TRUE(fs::exists(packageModelFolder() / "depth_standin.onnx"));
-    EXPECT_TRUE(fs::exists(packageModelFolder() / "depth_standin_colorize.onnx"));
 }
 
 TEST(ConfigFiles, EncryptedTwinsDecryptToThePlainBytes) {

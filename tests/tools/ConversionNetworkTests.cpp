@@ -52,8 +52,8 @@ Tensor image(const Format& f, F codeOf) {
             for (int64_t x = 0; x < kW; ++x)
                 for (int64_t i = 0; i < c; ++i) {
                     const float k = codeOf(n, y, x, f.channels[static_cast<size_t>(i)]);
-                    t.values[static_cast<size_t>(f.chw ? ((n * c + i) * kH + y) * kW + x : ((n * kH + y) * kW + x) * c + i)] =
-                        f.type == ML::U8 ? k : k / 255.0f;
+                    const int64_t at = f.chw ? ((n * c + i) * kH + y) * kW + x : ((n * kH + y) * kW + x) * c + i;
+                    t.values[static_cast<size_t>(at)] = f.type == ML::U8 ? k : k / 255.0f;
                 }
     return t;
 }

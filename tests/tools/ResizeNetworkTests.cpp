@@ -14,7 +14,9 @@ TEST(ResizeNetworks, HalfPixelBilinearKnownAnswer) {
         for (bool chw : {false, true}) {
             const std::string name = std::string("resize_") + (type == ML::U8 ? "U8" : type == ML::F16 ? "F16" : "F32") +
                                      (chw ? "_CHW" : "_HWC");
-            auto shape = [&](int64_t h, int64_t w) { return chw ? std::vector<int64_t>{2, 3, h, w} : std::vector<int64_t>{2, h, w, 3}; };
+            auto shape = [&](int64_t h, int64_t w) {
+                return chw ? std::vector<int64_t>{2, 3, h, w} : std::vector<int64_t>{2, h, w, 3};
+            };
             auto at = [&](int64_t h, int64_t w, int64_t n, int64_t c, int64_t y, int64_t x) {
                 return static_cast<size_t>(chw ? ((n * 3 + c) * h + y) * w + x : ((n * h + y) * w + x) * 3 + c);
             };

@@ -30,5 +30,5 @@ TEST(DepthStandIn, DepthIsOneMinusLuminanceAndColorizeIsAJetRamp) {
     ASSERT_EQ(colour.shape, (std::vector<int64_t>{1, 3, kTile, kTile}));
     for (int c = 0; c < 3; ++c)
         for (size_t i = 0; i < depths.size(); ++i)
-            EXPECT_EQ(colour.values[static_cast<size_t>(c * kPlane) + i], colours[c][i]) << "channel " << c << " depth " << depths[i];
+            EXPECT_EQ(colour.values[static_cast<size_t>(c * kPlane) + i], colours[c][i]) << c << ", " << depths[i];
 }

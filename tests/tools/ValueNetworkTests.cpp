@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <functional>
+#include <memory>
 
 #include "ToolTestUtil.h"
 
@@ -25,23 +26,19 @@ void expectNear(const Tensor& got, const std::vector<float>& want, float toleran
 class FixedSizeNetworks : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        dir_ = new TempDir();
+        dir_ = std::make_unique<TempDir>();
         const std::string plain = " \"" + (dir_->path() / "plain").string() + "\" --type F16 --type F32";
         ASSERT_EQ(runPkg("normalizer" + plain + " --size 2x8x12").code, 0);
         ASSERT_EQ(runPkg("sampler" + plain + " --size 2x6x10").code, 0);
-        ASSERT_EQ(runPkg("sampler \"" + (dir_->path() / "split").string() + "\" --type F16 --type F32 --size 2x6x10 --split").code, 0);
+        const std::string split = " \"" + (dir_->path() / "split").string() + "\" --type F16 --type F32";
+        ASSERT_EQ(runPkg("sampler" + split + " --size 2x6x10 --split").code, 0);
     }
-    static void TearDownTestSuite() {
-        delete dir_;
-        dir_ = nullptr;
-    }
+    static void TearDownTestSuite() { dir_.reset(); }
     static Network network(const std::string& folder, const std::string& name, ML::u32 type, const char* size) {
         return Network(dir_->path() / folder / (name + "_" + typeName(type) + "_" + size + ".onnx"));
     }
-    static TempDir* dir_;
+    static inline std::unique_ptr<TempDir> dir_;
 };
-
-TempDir* FixedSizeNetworks::dir_ = nullptr;
 
 }  // namespace
 
@@ -70,10 +67,10 @@ TEST(StatsNetworks, MinimumAndMaximumOfAllImagesAndChannels) {
 TEST_F(FixedSizeNetworks, NormaliseMapsTheRangeWithTheGammaRatioAndDenormaliseUndoesIt) {
     // Parameters: source gamma, target gamma (either not above 0: exponent 1), range low and high.
     const std::vector<float> in{-0.5f, 0.5f, 1.5f, -1.5f, 2.5f, 0.0f};
-    const struct {
-        std::vector<float> params, out;
-    } cases[] = {{{2, 1, -0.5f, 1.5f}, {0, 0.25f, 1, -0.25f, 2.25f, 0.0625f}},
-                 {{0, 2, 0, 1}, in}};
+    const struct { std::vector<float> params, out; } cases[] = {
+        {{2, 1, -0.5f, 1.5f}, {0, 0.25f, 1, -0.25f, 2.25f, 0.0625f}},
+        {{0, 2, 0, 1}, in},
+    };
     for (ML::u32 type : {ML::F16, ML::F32}) {
         Network norm = network("plain", "normalize-input", type, "2x8x12");
         Network denorm = network("plain", "denormalize-output", type, "2x8x12");
@@ -96,10 +93,7 @@ TEST_F(FixedSizeNetworks, SamplerKnownAnswers) {
     // offset x and y, origin x and y, scale; a position t samples the source, clamped to the tile,
     // at (t + destination offset + 0.5 - origin) / scale + origin - 0.5 - source offset.
     using Expect = std::function<float(int, int)>;  // of row and column, without the image term
-    const struct {
-        std::vector<float> params;
-        Expect value;
-    } cases[] = {
+    const struct { std::vector<float> params; Expect value; } cases[] = {
         {{0, 0, 0, 0, 0, 0, 2}, [](int y, int x) { return std::max(0, 2 * x - 1) + std::max(0, 20 * y - 10); }},
         {{3, 0, 1, 2, 0, 0, 1}, [](int y, int x) { return 4 * std::min(x + 2, 9) + 40 * std::max(y - 2, 0); }},
         {{0, 0, 0, 0, 4, 2, 2}, [](int y, int x) { return 2 * x + 7 + 20 * y + 30; }},
@@ -132,7 +126,8 @@ TEST_F(FixedSizeNetworks, SamplerWithSplitParametersGivesTheSameResult) {
         Tensor x = makeTensor(type, {2, 3, 6, 10});
         for (size_t i = 0; i < x.values.size(); ++i) x.values[i] = static_cast<float>((i * 37) % 101) / 64.0f;
         const Tensor a = network("plain", "upres_sampler", type, "2x6x10").run1({x, makeTensor(ML::F32, {1, 7, 1, 1}, p)});
-        const Tensor b = network("split", "upres_sampler", type, "2x6x10").run1({x, makeTensor(ML::F32, {1, 13, 1, 1}, split)});
+        const Tensor b =
+            network("split", "upres_sampler", type, "2x6x10").run1({x, makeTensor(ML::F32, {1, 13, 1, 1}, split)});
         EXPECT_EQ(a.values, b.values) << typeName(type);
     }
 }

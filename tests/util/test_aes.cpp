@@ -18,9 +18,7 @@ Block fromHex(const std::string& hex) {
 
 TEST(Aes128, EncryptsAndDecryptsKnownAnswerVectors) {
     // FIPS 197 Appendix B (cipher example) and Appendix C.1 (AES-128 example vector).
-    const struct {
-        const char *key, *plain, *cipher;
-    } vectors[] = {
+    const struct { const char *key, *plain, *cipher; } vectors[] = {
         {"2b7e151628aed2a6abf7158809cf4f3c", "3243f6a8885a308d313198a2e0370734", "3925841d02dc09fbdc118597196a0b32"},
         {"000102030405060708090a0b0c0d0e0f", "00112233445566778899aabbccddeeff", "69c4e0d86a7b0430d8cdb78070b4c55a"},
     };

@@ -48,9 +48,6 @@ TEST(FileExists, NotFoundIsFalseOtherQueryErrorsThrow) {
         EXPECT_NE(std::string(e.what()).find("exists"), std::string::npos) << e.what();
         EXPECT_EQ(e.path1(), tooLong);
     }
-    fs::create_symlink("loop_b", dir / "loop_a");
-    fs::create_symlink("loop_a", dir / "loop_b");
-    EXPECT_THROW(ML::fileExists(dir / "loop_a"), fs::filesystem_error);
 }
 
 TEST(BinaryFile, FailuresNameThePath) {
@@ -79,9 +76,9 @@ TEST(ReadFileOrEncrypted, PlainFileWinsOverTwinAndPlainBinIsReadAsIs) {
 
 TEST(ReadFileOrEncrypted, NeitherPresentIsAHostErrorNamingBoth) {
     TempDir dir;
-    const struct {
-        fs::path asked, twin;
-    } cases[] = {{dir / "depth_config.json", dir / "depth_config.bin"}, {dir / "vgg_uvs.bin", dir / "vgg_uvs.bin"}};
+    const struct { fs::path asked, twin; } cases[] = {
+        {dir / "depth_config.json", dir / "depth_config.bin"}, {dir / "vgg_uvs.bin", dir / "vgg_uvs.bin"},
+    };
     for (const auto& c : cases) {
         try {
             ML::readFileOrEncrypted(c.asked);
