@@ -65,7 +65,7 @@ TEST_F(OrtErrors, BindingsThatDoNotFitAreNamedBeforeRunning) {
     EXPECT_TRUE(contains(exceptionOf([&] { sum->run({}, {}); }), "the run was given 0 inputs and 0 outputs"));
 }
 
-TEST_F(OrtErrors, FailedRunsAndBindingsLeaveTheNetworkUsable) {
+TEST_F(OrtErrors, FailedRunLeavesTheNetworkUsable) {
     // Input and output extents disagree; only the run itself can find that out.
     auto model = context->loadModel("add_one");
     auto x = context->createTensor({1, 3, 2, 2}, F16);
@@ -75,10 +75,6 @@ TEST_F(OrtErrors, FailedRunsAndBindingsLeaveTheNetworkUsable) {
     const std::string prefix = "BACKEND/INTERNAL: Error running model add_one : Network 'add_one' failed to run: ";
     EXPECT_EQ(std::string(e.what()).rfind(prefix, 0), 0u) << e.what();
     EXPECT_EQ(runCastAdd(*context, *model, std::vector<float>(12, 1.0f), 2, 2), std::vector<float>(12, 2.0f));
-
-    auto wrong = context->createTensor({3}, F16);
-    EXPECT_THROW(model->run({wrong}, {wrong}), Exception);
-    EXPECT_EQ(runCastAdd(*context, *model, std::vector<float>(3, 1.0f), 1, 1), std::vector<float>(3, 2.0f));
 }
 
 TEST_F(OrtErrors, RefitAndWeightSelectionAreNotSupported) {

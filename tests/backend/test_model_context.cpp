@@ -10,7 +10,6 @@ using namespace ML;
 using namespace BackendTest;
 
 namespace {
-
 std::filesystem::path cpuBackendPath() { return pluginLibraryFolder() / backendLibraryFileName("ort_cpu"); }
 
 // Loads, runs and drops nets/add_two in a fresh context.
@@ -19,20 +18,17 @@ void expectAddTwoRuns(const std::filesystem::path& folder, const std::string& ro
     auto model = context->loadModel("nets/add_two");
     EXPECT_EQ(runCastAdd(*context, *model, std::vector<float>(3, 0.5f), 1, 1), std::vector<float>(3, 2.5f)) << round;
 }
-
 }  // namespace
 
-TEST(OrtBackendDiscovery, ReportsTheProcessorAsItsOnlyDevice) {
-    BackendLibrary dll(cpuBackendPath());
-    Backend::GetAvailableDevicesCall call(dll);
-    ASSERT_EQ(call.devices.size(), 1u);
-    EXPECT_FALSE(call.devices[0].empty());
-    EXPECT_EQ(call.defaultDevice, 0);
-    EXPECT_NE(call.label.find("ONNX Runtime 1."), std::string::npos) << call.label;
-    EXPECT_NE(call.detail.find("threads"), std::string::npos) << call.detail;
-}
-
-TEST(OrtBackendContext, LogsTheLoadAndAnswersInstanceQueries) {
+TEST(OrtBackendContext, ReportsItsDeviceLogsTheLoadAndAnswersInstanceQueries) {
+    {
+        BackendLibrary dll(cpuBackendPath());
+        Backend::GetAvailableDevicesCall call(dll);
+        EXPECT_EQ(call.devices.size(), 1u);
+        EXPECT_EQ(call.defaultDevice, 0);
+        EXPECT_NE(call.label.find("ONNX Runtime 1."), std::string::npos) << call.label;
+        EXPECT_NE(call.detail.find("threads"), std::string::npos) << call.detail;
+    }
     ModelFolder models;
     LoggerScope logs;
     auto context = openCpuBackend(models.path);
@@ -40,9 +36,7 @@ TEST(OrtBackendContext, LogsTheLoadAndAnswersInstanceQueries) {
     EXPECT_EQ(logs.lines.front(), "[Quillon] [I] Loading backend: ort_cpu, device id: 0");
     EXPECT_EQ(context->getPrecisionDataType(), F16);
     EXPECT_FALSE(context->supportsRefit());
-    const std::string version = context->getVersion();
-    ASSERT_NE(version.find('.'), std::string::npos);
-    EXPECT_GT(std::stoi(version.substr(0, version.find('.'))), 0);
+    EXPECT_GT(std::stoi(context->getVersion()), 0) << context->getVersion();  // major.minor.patch
 }
 
 TEST(OrtBackendContext, NetworksComeFromTheAuxFolderWhenGivenElseTheDataFolder) {

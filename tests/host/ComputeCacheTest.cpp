@@ -33,23 +33,6 @@ ML::Result<void> probeFill(void* opaque, void* user, ML::Ptr<ML::Buffer> buffer)
 
 }  // namespace
 
-TEST(ComputeCache, MissFillsOnceThenHitReturnsStoredBuffer) {
-    ComputeCache cache;
-    FillProbe probe;
-    int opaque = 0;
-    const auto first = cache.compute("k", 16, &probeFill, &opaque, &probe);
-    ASSERT_EQ(first.status, 0);
-    EXPECT_EQ(probe.opaque, &opaque);
-    probe.byte = 'y';
-    const auto second = cache.compute("k", 16, &probeFill, &opaque, &probe);
-    EXPECT_EQ(probe.calls, 1);
-    EXPECT_EQ(second.value.get(), first.value.get());
-    EXPECT_EQ(QHost::bufferBytes(second.value), std::string(16, 'x'));
-    EXPECT_EQ(cache.stats().hits, 1u);
-    EXPECT_EQ(cache.stats().misses, 1u);
-    EXPECT_EQ(cache.bytes(), 16u);
-}
-
 TEST(ComputeCache, FailedOrThrowingFillIsNotStoredAndItsStatusComesBack) {
     const struct { ML::i32 status; const char* error; ML::i32 returned; const char* text; } cases[] = {
         {ML::STATUS_HOST, "disk gone", ML::STATUS_HOST, "disk gone"},
@@ -75,14 +58,19 @@ TEST(ComputeCache, FailedOrThrowingFillIsNotStoredAndItsStatusComesBack) {
     EXPECT_TRUE(cache.contains("k"));
 }
 
-TEST(ComputeCache, EvictsLeastRecentlyUsedToStayWithinBudget) {
+TEST(ComputeCache, HitsReturnTheStoredBufferAndLeastRecentlyUsedGoFirst) {
     ComputeCache cache(300);
     FillProbe probe;
-    for (const char* key : {"a", "b", "c"}) ASSERT_EQ(cache.compute(key, 100, &probeFill, nullptr, &probe).status, 0);
+    int opaque = 0;
+    for (const char* key : {"a", "b", "c"}) ASSERT_EQ(cache.compute(key, 100, &probeFill, &opaque, &probe).status, 0);
+    EXPECT_EQ(probe.opaque, &opaque);
     EXPECT_EQ(cache.keys(), (std::vector<std::string>{"c", "b", "a"}));
 
-    // Using "a" makes "b" the oldest.
-    const auto held = cache.find("a");
+    // A hit returns the stored buffer without a fill; using "a" makes "b" the oldest.
+    probe.byte = 'y';
+    const auto held = cache.compute("a", 100, &probeFill, nullptr, &probe).value;
+    EXPECT_EQ(probe.calls, 3);
+    EXPECT_EQ(cache.find("a").get(), held.get());
     ASSERT_EQ(cache.compute("d", 100, &probeFill, nullptr, &probe).status, 0);
     EXPECT_EQ(cache.keys(), (std::vector<std::string>{"d", "a", "c"}));
 

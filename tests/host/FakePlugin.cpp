@@ -1,6 +1,5 @@
 // A tiny stand-in for the plug-in library, to test loading and call forwarding of the host.
 // Built twice: as a complete library, and with FAKE_WITHOUT_SHUTDOWN lacking mlShutdown.
-//
 // Modes: 1 logs "fake: init"; 2 publishes query tables built on the stack; 3 asks for the
 // region, the input image of that region and the output image; 4 does the same, fills the cache
 // keys "fake:<f>" of the frame and the two before with their frame numbers, writes "frame <n>"

@@ -65,11 +65,9 @@ TEST(ConversionNetworks, EveryPairMovesChannelsAndScalesValues) {
     for (bool chw : {false, true})
         for (ML::u32 type : {ML::U8, ML::F16, ML::F32})
             for (const char* ch : {"RGB", "RGBA", "R", "RG", "ARGB", "BGR"}) formats.push_back({chw, type, ch});
-    int pairs = 0;
     for (const Format& a : formats)
         for (const Format& b : formats) {
             if (key(a) == key(b)) continue;
-            ++pairs;
             const Tensor src = image(a, code);
             const Tensor want = image(b, [&](int64_t n, int64_t y, int64_t x, char ch) {
                 return expectedCode(a.channels, n, y, x, ch);
@@ -85,7 +83,6 @@ TEST(ConversionNetworks, EveryPairMovesChannelsAndScalesValues) {
                     break;
                 }
         }
-    EXPECT_EQ(pairs, 36 * 35);
 }
 
 TEST(ConversionNetworks, FloatToU8RoundsHalfToEvenAndClamps) {

@@ -4,11 +4,11 @@
 
 #include <Imath/half.h>
 
+#include "Util/ML_FileUtil.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <stdexcept>
 
 // ONNX Runtime keeps a few bytes from creating its environment until the process ends; that is
@@ -78,13 +78,6 @@ Ort::SessionOptions sessionOptions() {
     return o;
 }
 
-std::string readAll(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 }  // namespace
 
 Tensor makeTensor(ML::u32 type, std::vector<int64_t> shape, std::vector<float> values) {
@@ -133,7 +126,6 @@ std::vector<Tensor> Network::run(const std::vector<Tensor>& inputs) {
 }
 
 fs::path packageConfigFolder() { return fs::path(QUILLON_TEST_PACKAGE_DIR) / "config"; }
-
 fs::path packageModelFolder() { return fs::path(QUILLON_TEST_PACKAGE_DIR) / "models"; }
 
 CliResult runPkg(const std::string& args) {
@@ -142,7 +134,7 @@ CliResult runPkg(const std::string& args) {
     const std::string cmd = "\"" + (fs::path(QUILLON_BIN_DIR) / "quillon-pkg").string() + "\" " + args + " > \"" +
                             out.string() + "\" 2> \"" + err.string() + "\"";
     const int status = std::system(cmd.c_str());
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readAll(out), readAll(err)};
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ML::readBinaryFile(out), ML::readBinaryFile(err)};
 }
 
 std::vector<std::string> listFiles(const fs::path& folder) {

@@ -43,8 +43,7 @@ fs::path packageModelFolder();
 // Runs the quillon-pkg executable with the given arguments (already quoted as needed).
 struct CliResult {
     int code = -1;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 CliResult runPkg(const std::string& args);
 

@@ -39,11 +39,6 @@ protected:
 
 void* AbiBorder::module = nullptr;
 
-TEST_F(AbiBorder, OnlyTheCFunctionsAreExported) {
-    EXPECT_NE(dlsym(module, "abi_make_string"), nullptr);
-    EXPECT_EQ(dlsym(module, "_ZNK2ML8ImageImp11getRowBytesEv"), nullptr);
-}
-
 TEST_F(AbiBorder, ReferenceCountsAndTheLastReleaseDeletesOnTheOtherSide) {
     // A fresh object counts 0, 1, 0 and dies at the last release.
     ML::Reference* raw = symbol<ML::Reference*(const char*)>("abi_new_raw_string")("fresh");
