@@ -101,11 +101,12 @@ TEST(PluginLibrary, ServesSeveralCallsFromSeveralThreads) {
     // Neighbouring frames share cache keys; the budget holds only ten of them.
     QHost::Host host(std::make_shared<QHost::ComputeCache>(40));
     PluginLibrary plugin(FAKE_PLUGIN);
-    std::atomic<int> bad{0};
+    std::atomic<int> bad{0}, ready{0};
     std::vector<std::thread> pool;
     for (ML::u32 t = 0; t < 4; ++t)
         pool.emplace_back([&, t] {
-            for (ML::u32 frame = t; frame < 120; frame += 4) {
+            for (++ready; ready < 4;) std::this_thread::yield();
+            for (ML::u32 frame = t; frame < 400; frame += 4) {
                 auto settings = frameSettings(frame);
                 if (plugin.run(host, settings, 4) != 0 || settings->progress() != std::vector<float>{1.0f} ||
                     QHost::bufferText(settings->outputBuffer(frame, {7, -1})) != "frame " + std::to_string(frame))
