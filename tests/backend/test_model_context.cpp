@@ -43,7 +43,6 @@ TEST(OrtBackendContext, NetworksComeFromTheAuxFolderWhenGivenElseTheDataFolder) 
     ModelFolder models("Mod\xc3\xa8les \xe6\x97\xa5");  // not ASCII
     EXPECT_EQ(openCpuBackend(models.path)->getModelFolder(), models.path);
     auto context = openCpuBackend("/no/data", models.path);
-    EXPECT_EQ(context->getModelFolder(), models.path);
     auto model = context->loadModel("add_one");
     EXPECT_EQ(runCastAdd(*context, *model, std::vector<float>(12, 1.0f), 2, 2), std::vector<float>(12, 2.0f));
 }

@@ -3,7 +3,6 @@
 
 #include <cmath>
 
-#include "ML/ImageImp.h"
 #include "ToolTestUtil.h"
 
 using namespace tooltest;

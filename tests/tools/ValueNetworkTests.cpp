@@ -81,7 +81,6 @@ TEST_F(FixedSizeNetworks, NormaliseMapsTheRangeWithTheGammaRatioAndDenormaliseUn
             for (size_t i = 0; i < 192; ++i) want.push_back(c.out[i % c.out.size()]);
             const Tensor p = makeTensor(type, {4}, c.params);
             const Tensor y = norm.run1({makeTensor(type, {2, 1, 8, 12}, x), p});
-            EXPECT_EQ(y.shape, (std::vector<int64_t>{2, 1, 8, 12}));
             expectNear(y, want, type == ML::F16 ? 2e-3f : 1e-5f, typeName(type));
             expectNear(denorm.run1({y, p}), x, type == ML::F16 ? 6e-3f : 1e-5f, typeName(type));
         }
