@@ -17,6 +17,20 @@ const json& valueOrNull(const json& entry, const char* key) {
     return it == entry.end() ? null : *it;
 }
 
+// One extent of a tile size. A missing or non-numeric value is the JSON library's type error like
+// any other; a number that i32 cannot hold is refused before the conversion (undefined for
+// floating point, wrapping for integers).
+i32 tileExtent(const json& size, const char* key, const std::string& modelId) {
+    const json& value = valueOrNull(size, key);
+    if (value.is_number()) {
+        // Every integer out of range rounds to a double beyond these exact bounds.
+        const double number = value.get<double>();
+        if (!(number > -2147483649.0 && number < 2147483648.0))
+            ML_THROW("Tile size " + std::string(key) + " of model " + modelId + " out of range: " + value.dump());
+    }
+    return value.get<i32>();
+}
+
 }  // namespace
 
 ModelInfo::ModelInfo(const json& entry)
@@ -29,8 +43,8 @@ ModelInfo::ModelInfo(const json& entry)
     if (params.is_object() && params.contains("availableTileSizes")) {
         for (const json& size : params["availableTileSizes"]) {
             TileSize tile;
-            tile.execH = valueOrNull(size, "execH").get<i32>();
-            tile.execW = valueOrNull(size, "execW").get<i32>();
+            tile.execH = tileExtent(size, "execH", modelId);
+            tile.execW = tileExtent(size, "execW", modelId);
             availableTileSizes.push_back(tile);
         }
     }

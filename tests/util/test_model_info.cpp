@@ -94,6 +94,33 @@ TEST(ModelInfo, OnlyTileSize) {
     }
 }
 
+TEST(ModelInfo, TileExtentsMustFitInt32) {
+    struct Case {
+        const char* value;
+        bool accepted;
+        ML::i32 read;
+    };
+    const Case cases[] = {
+        {"2147483647", true, 2147483647}, {"-2147483648", true, -2147483647 - 1}, {"512.0", true, 512},
+        {"2147483648", false, 0},         {"-2147483649", false, 0},              {"18446744073709551615", false, 0},
+        {"1e10", false, 0},               {"-3e9", false, 0},                     {"1.5e300", false, 0},
+    };
+    for (const Case& c : cases) {
+        json entry = baseEntry();
+        const std::string tiles = std::string(R"({"availableTileSizes": [{"execH": 8, "execW": )") + c.value + "}]}";
+        entry["params"] = json::parse(tiles);
+        try {
+            const ML::ModelInfo info(entry);
+            EXPECT_TRUE(c.accepted) << c.value;
+            EXPECT_EQ(info.getOnlyTileSize().execW, c.read) << c.value;
+        } catch (const ML::Exception& e) {
+            EXPECT_FALSE(c.accepted) << c.value;
+            EXPECT_NE(std::string(e.what()).find("execW of model depth_small out of range"), std::string::npos)
+                << e.what();
+        }
+    }
+}
+
 TEST(ModelInfo, WronglyTypedOrMissingKeysAreTypeErrors) {
     json entry = baseEntry();
     entry["modelId"] = 7;
