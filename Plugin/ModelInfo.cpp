@@ -1,5 +1,7 @@
 #include "Plugin/ModelInfo.h"
 
+#include <utility>
+
 #include "ML/Exception.h"
 
 namespace ML {
@@ -31,6 +33,22 @@ i32 tileExtent(const json& size, const char* key, const std::string& modelId) {
     return value.get<i32>();
 }
 
+// Copying a JSON value recurses once per level of arrays and objects: params nested some ten
+// thousand levels deep would overflow the stack. The depth is measured without recursion.
+constexpr size_t kMaxParamsDepth = 64;
+
+bool nestedDeeperThan(const json& value, size_t limit) {
+    std::vector<std::pair<const json*, size_t>> pending{{&value, 1}};
+    while (!pending.empty()) {
+        const auto [item, depth] = pending.back();
+        pending.pop_back();
+        if (!item->is_structured()) continue;
+        if (depth > limit) return true;
+        for (const json& child : *item) pending.emplace_back(&child, depth + 1);
+    }
+    return false;
+}
+
 }  // namespace
 
 ModelInfo::ModelInfo(const json& entry)
@@ -39,7 +57,13 @@ ModelInfo::ModelInfo(const json& entry)
       modelDisplayName(valueOrNull(entry, "modelDisplayName").get<std::string>()),
       modelDescription(valueOrNull(entry, "modelDescription").get<std::string>()) {
     if (entry.is_object() && entry.contains("inGamma")) inGamma = entry["inGamma"].get<float>();
-    if (entry.is_object() && entry.contains("params")) params = entry["params"];
+    if (entry.is_object() && entry.contains("params")) {
+        const json& given = entry["params"];
+        if (nestedDeeperThan(given, kMaxParamsDepth))
+            ML_THROW("Params of model " + modelId + " nested deeper than " + std::to_string(kMaxParamsDepth) +
+                     " levels");
+        params = given;
+    }
     if (params.is_object() && params.contains("availableTileSizes")) {
         for (const json& size : params["availableTileSizes"]) {
             TileSize tile;

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "ML/Exception.h"
 #include "Plugin/ModelInfo.h"
@@ -117,6 +118,23 @@ TEST(ModelInfo, TileExtentsMustFitInt32) {
             EXPECT_FALSE(c.accepted) << c.value;
             EXPECT_NE(std::string(e.what()).find("execW of model depth_small out of range"), std::string::npos)
                 << e.what();
+        }
+    }
+}
+
+TEST(ModelInfo, ParamsNestedTooDeeplyAreRefusedWithoutOverflowingTheStack) {
+    const std::pair<int, bool> cases[] = {{63, true}, {64, true}, {65, false}, {200000, false}};
+    for (const auto& [levels, accepted] : cases) {
+        json entry = baseEntry();
+        // Innermost level an object, so that objects count as well as arrays.
+        entry["params"] = json::parse(std::string(levels - 1, '[') + "{}" + std::string(levels - 1, ']'));
+        try {
+            const ML::ModelInfo info(entry);
+            EXPECT_TRUE(accepted) << levels;
+            EXPECT_EQ(info.params, entry["params"]) << levels;
+        } catch (const ML::Exception& e) {
+            EXPECT_FALSE(accepted) << levels;
+            EXPECT_NE(std::string(e.what()).find("nested deeper than 64 levels"), std::string::npos) << e.what();
         }
     }
 }
