@@ -1,6 +1,8 @@
 // Numbered sequence names: parsing, spelling of frame numbers and listing of frames on disk.
 #include <gtest/gtest.h>
 
+#include <climits>
+
 #include "Host/Media/SequencePattern.h"
 #include "ML/Exception.h"
 #include "media/MediaTestUtil.h"
@@ -63,6 +65,16 @@ TEST(SequencePattern, FrameOfAcceptsOnlyTheExactSpelling) {
     EXPECT_EQ(plain.frameOf("f0.png"), 0);
     EXPECT_FALSE(plain.frameOf("f07.png"));
     EXPECT_FALSE(plain.frameOf("f-0.png"));
+}
+
+TEST(SequencePattern, FrameOfReadsBackEveryFrameAtEveryPadding) {
+    const char* patterns[] = {"f%d.exr", "f%04d.exr", "f.%012d", "f.%013d", "f.%032d", "f####################.png"};
+    const int frames[] = {0, 7, -3, 123456789, INT_MAX, INT_MIN};
+    for (const char* text : patterns) {
+        const SequencePattern p(text);
+        for (int frame : frames)
+            EXPECT_EQ(p.frameOf(p.pathFor(frame).string()), frame) << text << " frame " << frame;
+    }
 }
 
 TEST(SequencePattern, ListsFramesOnDisk) {

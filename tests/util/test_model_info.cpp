@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "ML/Exception.h"
 #include "Plugin/ModelInfo.h"
@@ -45,6 +46,50 @@ TEST(ModelInfo, ReadsStringsGammaTileSizesAndKeepsParams) {
     EXPECT_EQ(&single.getOnlyTileSize(), &single.availableTileSizes[0]);
 
     EXPECT_TRUE(ML::ModelInfo(entry(R"(, "params": [1, 2])")).availableTileSizes.empty());
+}
+
+TEST(ModelInfo, TileExtentsMustFitInt32) {
+    struct Case {
+        const char* value;
+        bool accepted;
+        ML::i32 read;
+    };
+    const Case cases[] = {
+        {"2147483647", true, 2147483647}, {"-2147483648", true, -2147483647 - 1}, {"512.0", true, 512},
+        {"2147483648", false, 0},         {"-2147483649", false, 0},              {"18446744073709551615", false, 0},
+        {"1e10", false, 0},               {"-3e9", false, 0},                     {"1.5e300", false, 0},
+    };
+    for (const Case& c : cases) {
+        json entry = baseEntry();
+        const std::string tiles = std::string(R"({"availableTileSizes": [{"execH": 8, "execW": )") + c.value + "}]}";
+        entry["params"] = json::parse(tiles);
+        try {
+            const ML::ModelInfo info(entry);
+            EXPECT_TRUE(c.accepted) << c.value;
+            EXPECT_EQ(info.getOnlyTileSize().execW, c.read) << c.value;
+        } catch (const ML::Exception& e) {
+            EXPECT_FALSE(c.accepted) << c.value;
+            EXPECT_NE(std::string(e.what()).find("execW of model depth_small out of range"), std::string::npos)
+                << e.what();
+        }
+    }
+}
+
+TEST(ModelInfo, ParamsNestedTooDeeplyAreRefusedWithoutOverflowingTheStack) {
+    const std::pair<int, bool> cases[] = {{63, true}, {64, true}, {65, false}, {200000, false}};
+    for (const auto& [levels, accepted] : cases) {
+        json entry = baseEntry();
+        // Innermost level an object, so that objects count as well as arrays.
+        entry["params"] = json::parse(std::string(levels - 1, '[') + "{}" + std::string(levels - 1, ']'));
+        try {
+            const ML::ModelInfo info(entry);
+            EXPECT_TRUE(accepted) << levels;
+            EXPECT_EQ(info.params, entry["params"]) << levels;
+        } catch (const ML::Exception& e) {
+            EXPECT_FALSE(accepted) << levels;
+            EXPECT_NE(std::string(e.what()).find("nested deeper than 64 levels"), std::string::npos) << e.what();
+        }
+    }
 }
 
 TEST(ModelInfo, WronglyTypedOrMissingKeysAreTypeErrors) {
