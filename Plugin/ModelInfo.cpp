@@ -20,14 +20,14 @@ const json& valueOrNull(const json& entry, const char* key) {
 }
 
 // One extent of a tile size. A missing or non-numeric value is the JSON library's type error like
-// any other; a number that i32 cannot hold is refused before the conversion (undefined for
-// floating point, wrapping for integers).
+// any other; a number below 1 is no size, and one that i32 cannot hold is refused before the
+// conversion (undefined for floating point, wrapping for integers).
 i32 tileExtent(const json& size, const char* key, const std::string& modelId) {
     const json& value = valueOrNull(size, key);
     if (value.is_number()) {
-        // Every integer out of range rounds to a double beyond these exact bounds.
+        // Every integer too large rounds to a double beyond this exact bound.
         const double number = value.get<double>();
-        if (!(number > -2147483649.0 && number < 2147483648.0))
+        if (!(number >= 1.0 && number < 2147483648.0))
             ML_THROW("Tile size " + std::string(key) + " of model " + modelId + " out of range: " + value.dump());
     }
     return value.get<i32>();

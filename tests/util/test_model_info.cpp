@@ -48,16 +48,17 @@ TEST(ModelInfo, ReadsStringsGammaTileSizesAndKeepsParams) {
     EXPECT_TRUE(ML::ModelInfo(entry(R"(, "params": [1, 2])")).availableTileSizes.empty());
 }
 
-TEST(ModelInfo, TileExtentsMustFitInt32) {
+TEST(ModelInfo, TileExtentsArePositiveAndFitInt32) {
     struct Case {
         const char* value;
         bool accepted;
         ML::i32 read;
     };
     const Case cases[] = {
-        {"2147483647", true, 2147483647}, {"-2147483648", true, -2147483647 - 1}, {"512.0", true, 512},
-        {"2147483648", false, 0},         {"-2147483649", false, 0},              {"18446744073709551615", false, 0},
-        {"1e10", false, 0},               {"-3e9", false, 0},                     {"1.5e300", false, 0},
+        {"2147483647", true, 2147483647}, {"1", true, 1},         {"512.0", true, 512},
+        {"0", false, 0},                  {"-5", false, 0},       {"-2147483648", false, 0},
+        {"2147483648", false, 0},         {"-2147483649", false, 0}, {"18446744073709551615", false, 0},
+        {"1e10", false, 0},               {"-3e9", false, 0},     {"1.5e300", false, 0},
     };
     for (const Case& c : cases) {
         json entry = baseEntry();
