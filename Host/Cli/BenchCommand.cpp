@@ -17,14 +17,12 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr int DEPTH = 9;
-
 double seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
 
 // One render of a frame, modes 3 and 4, as the render command does it; returns seconds spent
 // in the plug-in.
 double renderOnce(Session& session, int model, const ML::Ptr<QHost::OwnedImage>& input, int frame) {
-    auto settings = session.newSettings(3, DEPTH);
+    auto settings = session.newSettings(3, TARGET_DEPTH);
     const auto f = static_cast<ML::u32>(frame);
     settings->setFrame(f);
     settings->setModelIndex(model);
@@ -97,13 +95,13 @@ DirectRun runDirect(const std::filesystem::path& file, const QMedia::Frame& pict
 }  // namespace
 
 int runBench(const Options& o, std::ostream& out, std::ostream& err) {
-    if (o.target != DEPTH) throw UsageError("bench measures depth only (--target depth)");
+    if (o.target != TARGET_DEPTH) throw UsageError("bench measures depth only (--target depth)");
     Session session({o.plugin, o.package, o.verbosity, o.cacheMb << 20}, err);
     const auto& params = session.params();
-    const std::string modelId = ML::toStd(params.getStringPluginParam(DEPTH, 102, o.model));
+    const std::string modelId = ML::toStd(params.getStringPluginParam(TARGET_DEPTH, 102, o.model));
     if (modelId.empty()) throw UsageError("depth has no model " + std::to_string(o.model));
-    const int tileW = params.getIntPluginParam(DEPTH, 104, o.model);
-    const int tileH = params.getIntPluginParam(DEPTH, 105, o.model);
+    const int tileW = params.getIntPluginParam(TARGET_DEPTH, 104, o.model);
+    const int tileH = params.getIntPluginParam(TARGET_DEPTH, 105, o.model);
 
     const QMedia::Frame picture = makeSampleImage(o.benchWidth, o.benchHeight);
     const auto input = toHostImage(picture);

@@ -9,8 +9,6 @@ namespace QCli {
 
 namespace {
 
-constexpr int DEPTH = 9;
-
 // Layout of an output image. A one-channel image is the same in memory either way; it is
 // described as planar, which the plug-in's resize path for single-channel outputs handles
 // (its interleaved single-channel resize currently fails at the backend).
@@ -19,7 +17,7 @@ ML::u32 outputLayout(ML::u32 format) { return format == ML::ImageImp::R ? ML::Im
 // Channel format of the output images: depth writes one channel (R) and a colour view (RGB);
 // other effects give pictures like their input.
 ML::u32 outputFormat(int target, int id, const QHost::OwnedImage& input) {
-    if (target == DEPTH) return id == 0 ? ML::ImageImp::R : ML::ImageImp::RGB;
+    if (target == TARGET_DEPTH) return id == 0 ? ML::ImageImp::R : ML::ImageImp::RGB;
     return input.getChannelFormat();
 }
 

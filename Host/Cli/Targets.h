@@ -5,6 +5,9 @@
 
 namespace QCli {
 
+// Target numbers that the host treats specially.
+constexpr int TARGET_DEPTH = 9;
+
 struct TargetName {
     int number;
     const char* name;

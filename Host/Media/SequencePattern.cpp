@@ -108,7 +108,9 @@ std::optional<int> SequencePattern::frameOf(const std::string& fileName) const {
     if (fileName.compare(fileName.size() - suffix_.size(), suffix_.size(), suffix_) != 0) return std::nullopt;
     const std::string number = fileName.substr(prefix_.size(), fileName.size() - prefix_.size() - suffix_.size());
     const size_t start = number[0] == '-' ? 1 : 0;
-    if (start == number.size() || number.size() > 12) return std::nullopt;
+    // A 32-bit frame has at most 11 characters, more only as zero padding.
+    const size_t longest = std::max<size_t>(11, static_cast<size_t>(padding_));
+    if (start == number.size() || number.size() > longest) return std::nullopt;
     for (size_t i = start; i < number.size(); ++i)
         if (number[i] < '0' || number[i] > '9') return std::nullopt;
     errno = 0;

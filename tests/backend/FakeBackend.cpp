@@ -12,14 +12,10 @@ __attribute__((visibility("default"))) int fakeShutdownCount = 0;
 }
 
 namespace {
-
-[[maybe_unused]] std::string narrowAscii(const std::wstring& text) { return std::string(text.begin(), text.end()); }
-
 [[maybe_unused]] i32 fail(Backend::ApiCall* call, i32 status, const std::string& text) {
     call->setError(makeString(text));
     return status;
 }
-
 }  // namespace
 
 #ifndef FAKE_NO_MAIN
@@ -27,31 +23,25 @@ extern "C" __attribute__((visibility("default"))) i32 mlMain(Backend::ApiCall* c
     try {
         const i32 type = call->getCallType();
 #if defined(FAKE_FAILING)
-        if (type == Backend::INIT_CALL) {
-            const u32 device = call->getDeviceId();
-            return fail(call, device == 0 ? 2 : static_cast<i32>(device), "fake init failure");
-        }
-        if (type == Backend::LOAD_MODEL_CALL) return fail(call, 2, "path=" + narrowAscii(toStd(call->getModelPath())));
-        return fail(call, 2, "fake failure");
+        if (type == Backend::INIT_CALL)
+            return fail(call, call->getDeviceId() == 0 ? 2 : static_cast<i32>(call->getDeviceId()), "fake init failure");
+        const std::wstring path = type == Backend::LOAD_MODEL_CALL ? toStd(call->getModelPath()) : L"";
+        return fail(call, 2, "path=" + std::string(path.begin(), path.end()));
 #else
         // An initialise call does not serve addDevice: the refusal is thrown into this library.
         if (type == Backend::INIT_CALL) call->addDevice(makeString("wrong slot"));
-        if (type != Backend::GET_AVAILABLE_DEVICES_CALL) return fail(call, 4, "fake backend: call not supported");
-        if (reserved != 0) return fail(call, 4, "reserved is not 0");
-#if defined(FAKE_ZERO_DEVICES)
-        call->setLabel(makeString("Fake"));
-#elif defined(FAKE_NO_DEFAULT)
+        if (type != Backend::GET_AVAILABLE_DEVICES_CALL || reserved != 0) return fail(call, 4, "not supported");
+#if !defined(FAKE_ZERO_DEVICES)
         call->addDevice(makeString("Fake A"));
         call->addDevice(makeString("Fake B"));
-        call->setLabel(makeString("Fake"));
+#endif
+#if defined(FAKE_NO_DEFAULT)
         call->setDetail(makeString("Fake without default"));
-#else
-        call->addDevice(makeString("Fake A"));
-        call->addDevice(makeString("Fake B"));
+#elif !defined(FAKE_ZERO_DEVICES)
         call->setDefaultDevice(1);
-        call->setLabel(makeString("Fake"));
         call->setDetail(makeString("Fake detail"));
 #endif
+        call->setLabel(makeString("Fake"));
         return 0;
 #endif
     } catch (const std::exception& e) {

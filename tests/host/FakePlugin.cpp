@@ -1,11 +1,11 @@
 // A tiny stand-in for the plug-in library, to test loading and call forwarding of the host.
 // Built twice: as a complete library, and with FAKE_WITHOUT_SHUTDOWN lacking mlShutdown.
-//
 // Modes: 1 logs "fake: init"; 2 publishes query tables built on the stack; 3 asks for the
 // region, the input image of that region and the output image; 4 does the same, fills the cache
-// key "fake:<frame>" with the frame number, writes "frame <n>" to output buffer (7, -1) and
-// answers 1 if the call is cancelled; 5 does nothing. mlShutdown logs "fake: shutdown" through
-// the last logger seen.
+// keys "fake:<f>" of the frame and the two before with their frame numbers, writes "frame <n>"
+// to output buffer (7, -1) and answers 1 if the call is cancelled. mlShutdown logs
+// "fake: shutdown" through the last logger seen.
+#include <atomic>
 #include <cstring>
 #include <string>
 
@@ -13,52 +13,36 @@
 
 namespace {
 
-ML::Logger* g_logger = nullptr;
+std::atomic<ML::Logger*> g_logger{nullptr};
 
 void say(const std::string& text) {
-    if (g_logger) g_logger->log(ML::makeString(text));
-}
-
-int numBackends() { return 2; }
-ML::Ptr<ML::StringT<char>> backendName(int index) { return ML::makeString("fake" + std::to_string(index)); }
-ML::Ptr<ML::StringT<char>> backendDetail(int) { return ML::makeString("detail"); }
-int numDevices(int index) { return index + 1; }
-ML::Ptr<ML::StringT<char>> deviceName(int, int device) { return ML::makeString("device" + std::to_string(device)); }
-ML::Ptr<ML::StringT<char>> backendLabel(int) { return ML::makeString("label"); }
-int defaultBackend() { return 1; }
-int defaultDevice(int) { return 0; }
-int intPluginParam(int target, int param, int model) { return target * 100 + param * 10 + model; }
-ML::Ptr<ML::StringT<char>> stringPluginParam(int, int param, int) { return ML::makeString("param" + std::to_string(param)); }
-
-ML::Result<void> fillFrame(void*, void* user, ML::Ptr<ML::Buffer> buffer) {
-    const ML::u32 frame = *static_cast<const ML::u32*>(user);
-    if (buffer->getSize() != sizeof(frame)) return {ML::STATUS_OTHER, ML::makeString("wrong cache buffer size")};
-    std::memcpy(buffer->getData(), &frame, sizeof(frame));
-    return {};
+    if (ML::Logger* logger = g_logger) logger->log(ML::makeString(text));
 }
 
 ML::i32 render(ML::Host* host, ML::u64 call, bool prepareOnly) {
-    ML::u32 frame = host->getFrame(call);
+    const ML::u32 frame = host->getFrame(call);
     const ML::Result<ML::Rect> roi = host->getROI(call, frame);
     if (roi.status) return roi.status;
-    const auto input = host->getInputImage(call, frame, &roi.value, {0, -1});
-    if (input.status) return input.status;
-    const auto output = host->getOutputImage(call, frame, {0, -1});
-    if (output.status) return output.status;
+    if (const auto input = host->getInputImage(call, frame, &roi.value, {0, -1}); input.status) return input.status;
+    if (const auto output = host->getOutputImage(call, frame, {0, -1}); output.status) return output.status;
     if (prepareOnly) return 0;
     if (host->isCancelled(call)) return ML::STATUS_CANCELLED;
-    const auto cached = host->computeCachedBuffer(call, &frame, ML::makeString("fake:" + std::to_string(frame)),
-                                                  sizeof(frame), &fillFrame);
-    if (cached.status) return cached.status;
-    ML::u32 stored = 0;
-    std::memcpy(&stored, cached.value->getData(), sizeof(stored));
+    for (ML::u32 f = frame > 2 ? frame - 2 : 0; f <= frame; ++f) {
+        ML::u32 stored = 0, wanted = f;
+        const auto cached = host->computeCachedBuffer(call, &wanted, ML::makeString("fake:" + std::to_string(f)),
+                                                      sizeof(f), [](void*, void* user, ML::Ptr<ML::Buffer> buffer) {
+                                                          std::memcpy(buffer->getData(), user, sizeof(ML::u32));
+                                                          return ML::Result<void>{};
+                                                      });
+        if (cached.status) return cached.status;
+        std::memcpy(&stored, cached.value->getData(), sizeof(stored));
+        if (stored != f) return ML::STATUS_OTHER;
+    }
     const auto text = host->getOutputBuffer(call, frame, {7, -1});
     if (text.status) return text.status;
-    if (text.value) {
-        const std::string line = "frame " + std::to_string(stored);
-        text.value->resize(line.size() + 1);
-        std::memcpy(text.value->getData(), line.c_str(), line.size() + 1);
-    }
+    const std::string line = "frame " + std::to_string(frame);
+    text.value->resize(line.size() + 1);
+    std::memcpy(text.value->getData(), line.c_str(), line.size() + 1);
     host->setProgress(call, 1.0f);
     return 0;
 }
@@ -66,21 +50,21 @@ ML::i32 render(ML::Host* host, ML::u64 call, bool prepareOnly) {
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) ML::i32 mlMain(ML::Host* host, ML::u64 call) {
-    if (!host) return ML::STATUS_OTHER;
     g_logger = host->getLogger();
-    if (!g_logger) return ML::STATUS_OTHER;
     switch (host->getCallMode(call)) {
         case 1: say("fake: init"); return 0;
         case 2: {
-            const ML::PluginQueryFunctions queries{numBackends, backendName, backendDetail, numDevices,
-                                                   deviceName,  backendLabel, defaultBackend, defaultDevice};
-            const ML::PluginParamFunctions params{intPluginParam, stringPluginParam, nullptr};
+            const auto name = [](int index) { return ML::makeString("fake" + std::to_string(index)); };
+            const auto deviceName = [](int, int device) { return ML::makeString("device" + std::to_string(device)); };
+            const ML::PluginQueryFunctions queries{[] { return 2; }, name, name, [](int index) { return index + 1; },
+                                                   deviceName, name, [] { return 1; }, [](int) { return 0; }};
+            const auto intParam = [](int target, int param, int model) { return target * 100 + param * 10 + model; };
+            const ML::PluginParamFunctions params{intParam, [](int, int, int) { return ML::makeString("p"); }, nullptr};
             host->setPluginQueryFunctions(call, &queries, &params);
             return 0;
         }
         case 3: return render(host, call, true);
         case 4: return render(host, call, false);
-        case 5: return 0;
         default: return ML::STATUS_OTHER;
     }
 }

@@ -1,15 +1,15 @@
 #include "ToolTestUtil.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <sstream>
-#include <stdexcept>
-
 #include <sys/wait.h>
 
 #include <Imath/half.h>
+
+#include "Util/ML_FileUtil.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
 
 // ONNX Runtime keeps a few bytes from creating its environment until the process ends; that is
 // its own business, not a leak of the code under test.
@@ -21,34 +21,49 @@ namespace tooltest {
 
 namespace {
 
-size_t elementSize(ML::u32 type) {
-    switch (type) {
-        case ML::U8: return 1;
-        case ML::F16: return 2;
-        case ML::F32: return 4;
-        case ML::I64: return 8;
-        default: throw std::logic_error("unsupported test tensor type");
-    }
+// U8, F16, F32 and I64 with their ONNX Runtime types and sizes.
+struct TypeInfo {
+    ML::u32 type;
+    ONNXTensorElementDataType ort;
+    size_t size;
+};
+const TypeInfo kTypes[] = {{ML::U8, ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8, 1},
+                           {ML::F16, ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16, 2},
+                           {ML::F32, ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT, 4},
+                           {ML::I64, ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64, 8}};
+
+const TypeInfo& typeInfo(ML::u32 type, ONNXTensorElementDataType ort = ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED) {
+    for (const TypeInfo& t : kTypes)
+        if (ort == ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED ? t.type == type : t.ort == ort) return t;
+    throw std::logic_error("unsupported test tensor type");
 }
 
-ONNXTensorElementDataType ortType(ML::u32 type) {
-    switch (type) {
-        case ML::U8: return ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8;
-        case ML::F16: return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16;
-        case ML::F32: return ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT;
-        case ML::I64: return ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64;
-        default: throw std::logic_error("unsupported test tensor type");
+std::vector<uint8_t> toBytes(const Tensor& t) {
+    const size_t size = typeInfo(t.type).size;
+    std::vector<uint8_t> bytes(t.values.size() * size);
+    for (size_t i = 0; i < t.values.size(); ++i) {
+        const float f32 = t.values[i];
+        const uint16_t f16 = Imath::half(f32).bits();
+        const int64_t whole = static_cast<int64_t>(f32);  // little-endian: U8 is its first byte
+        const void* from = t.type == ML::F16 ? static_cast<const void*>(&f16) : &whole;
+        std::memcpy(bytes.data() + i * size, t.type == ML::F32 ? &f32 : from, size);
     }
+    return bytes;
 }
 
-ML::u32 mlType(ONNXTensorElementDataType type) {
-    switch (type) {
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8: return ML::U8;
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16: return ML::F16;
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT: return ML::F32;
-        case ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64: return ML::I64;
-        default: throw std::logic_error("unexpected output element type");
+std::vector<float> fromBytes(ML::u32 type, const uint8_t* p, size_t count) {
+    std::vector<float> values(count);
+    uint16_t f16;
+    int64_t i64;
+    for (size_t i = 0; i < count; ++i, p += typeInfo(type).size) {
+        switch (type) {
+            case ML::U8: values[i] = *p; break;
+            case ML::F16: std::memcpy(&f16, p, 2); values[i] = Imath::half(Imath::half::FromBits, f16); break;
+            case ML::F32: std::memcpy(&values[i], p, 4); break;
+            default: std::memcpy(&i64, p, 8); values[i] = static_cast<float>(i64);
+        }
     }
+    return values;
 }
 
 Ort::Env& env() {
@@ -63,146 +78,63 @@ Ort::SessionOptions sessionOptions() {
     return o;
 }
 
-std::string readAll(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
 }  // namespace
 
-size_t Tensor::count() const {
-    size_t n = 1;
-    for (int64_t d : shape) n *= static_cast<size_t>(d);
-    return n;
-}
-
-float Tensor::get(size_t i) const {
-    const uint8_t* p = bytes.data() + i * elementSize(type);
-    switch (type) {
-        case ML::U8: return *p;
-        case ML::F16: {
-            uint16_t bits;
-            std::memcpy(&bits, p, 2);
-            Imath::half h;
-            h.setBits(bits);
-            return static_cast<float>(h);
-        }
-        case ML::F32: {
-            float f;
-            std::memcpy(&f, p, 4);
-            return f;
-        }
-        default: {
-            int64_t v;
-            std::memcpy(&v, p, 8);
-            return static_cast<float>(v);
-        }
-    }
-}
-
-void Tensor::set(size_t i, float v) {
-    uint8_t* p = bytes.data() + i * elementSize(type);
-    switch (type) {
-        case ML::U8: *p = static_cast<uint8_t>(v); break;
-        case ML::F16: {
-            const uint16_t bits = Imath::half(v).bits();
-            std::memcpy(p, &bits, 2);
-            break;
-        }
-        case ML::F32: std::memcpy(p, &v, 4); break;
-        default: {
-            const int64_t x = static_cast<int64_t>(v);
-            std::memcpy(p, &x, 8);
-        }
-    }
-}
-
-Tensor makeTensor(ML::u32 type, std::vector<int64_t> shape) {
-    Tensor t;
-    t.type = type;
-    t.shape = std::move(shape);
-    t.bytes.assign(t.count() * elementSize(type), 0);
+Tensor makeTensor(ML::u32 type, std::vector<int64_t> shape, std::vector<float> values) {
+    size_t count = 1;
+    for (int64_t d : shape) count *= static_cast<size_t>(d);
+    if (values.empty()) values.assign(count, 0.0f);
+    if (values.size() != count) throw std::logic_error("makeTensor: wrong number of values");
+    Tensor t{type, std::move(shape), std::move(values)};
+    t.values = fromBytes(type, toBytes(t).data(), count);
     return t;
 }
 
-Tensor makeI64(const std::vector<int64_t>& values) {
-    Tensor t = makeTensor(ML::I64, {static_cast<int64_t>(values.size())});
-    std::memcpy(t.bytes.data(), values.data(), values.size() * 8);
-    return t;
-}
-
-Tensor makeF32(const std::vector<int64_t>& shape, const std::vector<float>& values) {
-    Tensor t = makeTensor(ML::F32, shape);
-    if (values.size() != t.count()) throw std::logic_error("makeF32: wrong number of values");
-    for (size_t i = 0; i < values.size(); ++i) t.set(i, values[i]);
-    return t;
-}
-
-void fillRandom(Tensor& t, std::mt19937& rng, float lo, float hi) {
-    std::uniform_int_distribution<int> byte(0, 255);
-    std::uniform_real_distribution<float> real(lo, hi);
-    for (size_t i = 0; i < t.count(); ++i) t.set(i, t.type == ML::U8 ? static_cast<float>(byte(rng)) : real(rng));
-}
-
-Network::Network(const fs::path& path) : session_(env(), path.c_str(), sessionOptions()) {
-    Ort::AllocatorWithDefaultOptions alloc;
-    for (size_t i = 0; i < session_.GetInputCount(); ++i)
-        inputNames_.emplace_back(session_.GetInputNameAllocated(i, alloc).get());
-    for (size_t i = 0; i < session_.GetOutputCount(); ++i)
-        outputNames_.emplace_back(session_.GetOutputNameAllocated(i, alloc).get());
-}
+Network::Network(const fs::path& path) : session(env(), path.c_str(), sessionOptions()) {}
 
 std::vector<Tensor> Network::run(const std::vector<Tensor>& inputs) {
-    const Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
-    std::vector<Ort::Value> values;
+    Ort::AllocatorWithDefaultOptions alloc;
+    std::vector<Ort::AllocatedStringPtr> names;
     std::vector<const char*> inNames, outNames;
-    for (size_t i = 0; i < inputs.size(); ++i) {
-        Tensor& t = const_cast<Tensor&>(inputs[i]);
-        values.push_back(Ort::Value::CreateTensor(mem, t.bytes.data(), t.bytes.size(), t.shape.data(), t.shape.size(),
-                                                  ortType(t.type)));
-        inNames.push_back(inputNames_.at(i).c_str());
+    for (size_t i = 0; i < session.GetInputCount(); ++i) {
+        names.push_back(session.GetInputNameAllocated(i, alloc));
+        inNames.push_back(names.back().get());
     }
-    for (const std::string& n : outputNames_) outNames.push_back(n.c_str());
-    std::vector<Ort::Value> outs =
-        session_.Run(Ort::RunOptions{nullptr}, inNames.data(), values.data(), values.size(), outNames.data(), outNames.size());
+    for (size_t i = 0; i < session.GetOutputCount(); ++i) {
+        names.push_back(session.GetOutputNameAllocated(i, alloc));
+        outNames.push_back(names.back().get());
+    }
+    if (inputs.size() != inNames.size()) throw std::logic_error("wrong number of inputs");
+    const Ort::MemoryInfo mem = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+    std::vector<std::vector<uint8_t>> bytes;
+    std::vector<Ort::Value> values;
+    for (const Tensor& t : inputs) {
+        bytes.push_back(toBytes(t));
+        values.push_back(Ort::Value::CreateTensor(mem, bytes.back().data(), bytes.back().size(), t.shape.data(),
+                                                  t.shape.size(), typeInfo(t.type).ort));
+    }
+    std::vector<Ort::Value> outs = session.Run(Ort::RunOptions{nullptr}, inNames.data(), values.data(), values.size(),
+                                               outNames.data(), outNames.size());
     std::vector<Tensor> result;
     for (Ort::Value& v : outs) {
-        const Ort::TensorTypeAndShapeInfo info = v.GetTensorTypeAndShapeInfo();
-        Tensor t = makeTensor(mlType(info.GetElementType()), info.GetShape());
-        std::memcpy(t.bytes.data(), v.GetTensorRawData(), t.bytes.size());
-        result.push_back(std::move(t));
+        const Ort::TensorTypeAndShapeInfo shape = v.GetTensorTypeAndShapeInfo();
+        const ML::u32 type = typeInfo(0, shape.GetElementType()).type;
+        result.push_back({type, shape.GetShape(),
+                          fromBytes(type, static_cast<const uint8_t*>(v.GetTensorRawData()), shape.GetElementCount())});
     }
     return result;
 }
 
 fs::path packageConfigFolder() { return fs::path(QUILLON_TEST_PACKAGE_DIR) / "config"; }
-
 fs::path packageModelFolder() { return fs::path(QUILLON_TEST_PACKAGE_DIR) / "models"; }
 
 CliResult runPkg(const std::string& args) {
     TempDir io;
-    const fs::path out = io.path() / "stdout", err = io.path() / "stderr";
+    const fs::path out = io / "stdout", err = io / "stderr";
     const std::string cmd = "\"" + (fs::path(QUILLON_BIN_DIR) / "quillon-pkg").string() + "\" " + args + " > \"" +
                             out.string() + "\" 2> \"" + err.string() + "\"";
     const int status = std::system(cmd.c_str());
-    CliResult r;
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    r.out = readAll(out);
-    r.err = readAll(err);
-    return r;
-}
-
-TempDir::TempDir() {
-    static std::mt19937_64 rng{std::random_device{}()};
-    path_ = fs::temp_directory_path() / ("quillon-pkg-test-" + std::to_string(rng()));
-    fs::create_directories(path_);
-}
-
-TempDir::~TempDir() {
-    std::error_code ec;
-    fs::remove_all(path_, ec);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ML::readBinaryFile(out), ML::readBinaryFile(err)};
 }
 
 std::vector<std::string> listFiles(const fs::path& folder) {

@@ -13,81 +13,46 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string allBytes() {
-    std::string s;
-    for (int i = 0; i < 256; ++i) s += static_cast<char>(i);
-    return s;
-}
-
-// Encrypts a raw plain layout (length field included) block by block and writes it as is.
-void writeRawEncrypted(const fs::path& path, std::string plainLayout) {
-    const ML::Aes128 aes(ML::modelFileKey);
-    for (size_t offset = 0; offset < plainLayout.size(); offset += 16)
-        aes.encryptBlock(reinterpret_cast<ML::u8*>(plainLayout.data()) + offset);
-    ML::writeBinaryFile(path, plainLayout.data(), plainLayout.size());
-}
-
-std::string lengthField(ML::u64 length) {
-    std::string s(8, '\0');
-    for (int i = 0; i < 8; ++i) s[i] = static_cast<char>((length >> (8 * i)) & 0xFF);
-    return s;
-}
-
-TEST(EncryptedFile, WritesToTheTwinAndRoundTripsByteForByte) {
+TEST(EncryptedFile, WritesTheTwinAsLengthFieldAndContentsInWholeBlocks) {
     TempDir dir;
-    const std::string contents = allBytes() + std::string(3, '\0') + "{\"availableModels\": []}";
-    ML::writeEncryptedFile(dir / "depth_config.json", contents);
-
-    EXPECT_FALSE(fs::exists(dir / "depth_config.json"));
-    ASSERT_TRUE(fs::exists(dir / "depth_config.bin"));
-    EXPECT_EQ(ML::readFileOrEncrypted(dir / "depth_config.json"), contents);
-    EXPECT_EQ(ML::readEncryptedFile(dir / "depth_config.bin"), contents);
-}
-
-TEST(EncryptedFile, SizeIsLengthFieldPlusContentsRoundedToWholeBlocks) {
-    TempDir dir;
-    const std::pair<size_t, size_t> cases[] = {{0, 16}, {7, 16}, {8, 16}, {9, 32}, {24, 32}, {25, 48}};
+    std::string bytes;
+    for (int i = 0; i < 256; ++i) bytes += static_cast<char>(i);
+    // Length of the contents, and the file's size: the 8-byte length field, the contents and
+    // padding up to whole blocks of 16.
+    const std::pair<size_t, size_t> cases[] = {{0, 16}, {8, 16}, {9, 32}, {24, 32}, {25, 48}, {256, 272}};
     for (const auto& [length, fileSize] : cases) {
-        const std::string contents(length, 'x');
-        ML::writeEncryptedFile(dir / "data.bin", contents);
-        EXPECT_EQ(fs::file_size(dir / "data.bin"), fileSize) << "length " << length;
-        EXPECT_EQ(ML::readEncryptedFile(dir / "data.bin"), contents) << "length " << length;
+        const std::string contents = bytes.substr(0, length);
+        ML::writeEncryptedFile(dir / "depth_config.json", contents);
+        EXPECT_FALSE(fs::exists(dir / "depth_config.json"));
+        EXPECT_EQ(fs::file_size(dir / "depth_config.bin"), fileSize) << "length " << length;
+        EXPECT_EQ(ML::readEncryptedFile(dir / "depth_config.bin"), contents) << "length " << length;
+    }
+    // Blocks are encrypted independently: plain bytes 16..47 are two equal blocks here.
+    ML::writeEncryptedFile(dir / "cfg.json", std::string(40, 'A'));
+    const std::string cipher = ML::readBinaryFile(dir / "cfg.bin");
+    EXPECT_EQ(cipher.substr(16, 16), cipher.substr(32, 16));
+}
+
+TEST(EncryptedFile, DeclaredLengthIsCutToTheBlocks) {
+    TempDir dir;
+    const ML::Aes128 aes(ML::modelFileKey);
+    const std::pair<ML::u64, std::string> cases[] = {{1000, "abcdefgh" + std::string(16, 'z')}, {3, "abc"}, {0, ""}};
+    for (const auto& [declared, contents] : cases) {
+        // Written raw: the length field, then "abcdefgh" and, for the long one, a second block.
+        std::string plain(8, '\0');
+        for (int i = 0; i < 8; ++i) plain[i] = static_cast<char>((declared >> (8 * i)) & 0xFF);
+        plain += "abcdefgh" + std::string(declared == 1000 ? 16 : 0, 'z');
+        for (size_t offset = 0; offset < plain.size(); offset += 16)
+            aes.encryptBlock(reinterpret_cast<ML::u8*>(plain.data()) + offset);
+        ML::writeBinaryFile(dir / "raw.bin", plain.data(), plain.size());
+        EXPECT_EQ(ML::readEncryptedFile(dir / "raw.bin"), contents) << "declared " << declared;
     }
 }
 
-TEST(EncryptedFile, BlocksAreEncryptedIndependently) {
-    // Plain bytes 16..47 are two equal blocks of contents: ECB gives two equal cipher blocks.
-    TempDir dir;
-    ML::writeEncryptedFile(dir / "cfg.json", std::string(40, 'A'));
-    const std::string bytes = ML::readBinaryFile(dir / "cfg.bin");
-    ASSERT_EQ(bytes.size(), 48u);
-    EXPECT_EQ(bytes.substr(16, 16), bytes.substr(32, 16));
-    EXPECT_NE(bytes.substr(0, 16), bytes.substr(16, 16));
-}
-
-TEST(EncryptedFile, DeclaredLengthBeyondContentsIsCut) {
-    TempDir dir;
-    writeRawEncrypted(dir / "long.bin", lengthField(1000) + "abcdefgh" + std::string(16, 'z'));
-    EXPECT_EQ(ML::readEncryptedFile(dir / "long.bin"), "abcdefgh" + std::string(16, 'z'));
-}
-
-TEST(EncryptedFile, DeclaredLengthShorterThanBlocksDropsPadding) {
-    TempDir dir;
-    writeRawEncrypted(dir / "short.bin", lengthField(3) + "abcdefgh");
-    EXPECT_EQ(ML::readEncryptedFile(dir / "short.bin"), "abc");
-}
-
-TEST(EncryptedFile, DeclaredLengthZeroGivesEmptyContents) {
-    TempDir dir;
-    writeRawEncrypted(dir / "zero.bin", lengthField(0) + "abcdefgh");
-    EXPECT_EQ(ML::readEncryptedFile(dir / "zero.bin"), "");
-}
-
-TEST(EncryptedFile, SizeNotMultipleOfBlockIsRefused) {
+TEST(EncryptedFile, TruncatedFilesAreRefused) {
     TempDir dir;
     ML::writeEncryptedFile(dir / "cfg.json", "some contents");
-    std::string bytes = ML::readBinaryFile(dir / "cfg.bin");
-    bytes += "tail";
+    const std::string bytes = ML::readBinaryFile(dir / "cfg.bin") + "tail";
     ML::writeBinaryFile(dir / "cfg.bin", bytes.data(), bytes.size());
     try {
         ML::readEncryptedFile(dir / "cfg.bin");
@@ -96,13 +61,8 @@ TEST(EncryptedFile, SizeNotMultipleOfBlockIsRefused) {
         EXPECT_EQ(e.code(), ML::Exception::INTERNAL);
         EXPECT_NE(std::string(e.what()).find("not a multiple of 16"), std::string::npos) << e.what();
     }
-}
-
-TEST(EncryptedFile, FileShorterThanLengthFieldIsOutOfRange) {
-    TempDir dir;
-    for (size_t size : {0, 1, 7}) {
-        const std::string bytes(size, 'q');
-        ML::writeBinaryFile(dir / "tiny.bin", bytes.data(), bytes.size());
+    for (size_t size : {0, 7}) {
+        ML::writeBinaryFile(dir / "tiny.bin", bytes.data(), size);
         EXPECT_THROW(ML::readEncryptedFile(dir / "tiny.bin"), std::out_of_range) << "size " << size;
     }
 }
