@@ -98,13 +98,21 @@ private:
 
 Settings depthRender(PluginInstall& install, int mode) { return withImages(install.settings(mode)); }
 
-TEST(EntryPoints, NoHostOrNoLoggerFailsWithoutCrash) {
+// No host or no logger fails without a crash; a host that cancels while handing out the output
+// gets result 1, and no error line.
+TEST(EntryPoints, HostProblems) {
     PluginInstall install;
+    install.copyDefaultConfigs();
+    install.addBackend("ort_cpu", "real");
     EXPECT_EQ(install.plugin().main(nullptr, 0), 4);
     install.host().setLogger(nullptr);
     EXPECT_EQ(install.run(install.settings(1)), 4);
     install.host().useOwnLogger();
     EXPECT_EQ(install.run(install.settings(1)), 0);
+    auto s = depthRender(install, 4);
+    s->failOperation(QHost::HostOperation::OUTPUT_IMAGE, 1, "");
+    EXPECT_EQ(install.run(s), 1);
+    EXPECT_TRUE(install.host().logger().linesWith("[Quillon] [E]").empty());
 }
 
 TEST(EntryPoints, UnknownModesAreRefusedAndStateKept) {
@@ -148,17 +156,6 @@ TEST(EntryPoints, LoggerLevelIsReadOnceAndFiltersLines) {
     EXPECT_EQ(install.run(install.settings(5, -1)), 0);
     EXPECT_TRUE(verbose.contains("[Quillon] [W] Returned target -1"));
     install.host().useOwnLogger();
-}
-
-// A host that cancels while handing out the output gets result 1, and no error line.
-TEST(EntryPoints, HostCancellationIsResultOne) {
-    PluginInstall install;
-    install.copyDefaultConfigs();
-    install.addBackend("ort_cpu", "real");
-    auto s = depthRender(install, 4);
-    s->failOperation(QHost::HostOperation::OUTPUT_IMAGE, 1, "");
-    EXPECT_EQ(install.run(s), 1);
-    EXPECT_TRUE(install.host().logger().linesWith("[Quillon] [E]").empty());
 }
 
 std::string text(const ML::Ptr<ML::StringT<char>>& s) { return ML::toStd(s); }

@@ -179,10 +179,9 @@ TEST(DepthRenderModes, PrepareThenRenderWithColorizedOutput) {
     settings->setOutputImage(frame, depth, {0, -1});
     settings->setOutputImage(frame, colorized, {1, -1});
     ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK);
-    const auto outputs = settings->outputImageRequests();
-    ASSERT_EQ(outputs.size(), 2u);
-    EXPECT_EQ(outputs[0].key, QHost::ResourceKey(frame, 0, -1));
-    EXPECT_EQ(outputs[1].key, QHost::ResourceKey(frame, 1, -1));
+    std::vector<QHost::ResourceKey> outputs;
+    for (const auto& request : settings->outputImageRequests()) outputs.push_back(request.key);
+    EXPECT_EQ(outputs, (std::vector<QHost::ResourceKey>{{frame, 0, -1}, {frame, 1, -1}}));
     const auto inputs = settings->inputImageRequests();
     ASSERT_EQ(inputs.size(), 1u);
     EXPECT_EQ(inputs[0].wanted, roi);
