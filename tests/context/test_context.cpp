@@ -77,7 +77,7 @@ public:
         for (const auto& entry : fs::directory_iterator(packageDir / "config"))
             fs::copy_file(entry.path(), configFolder() / entry.path().filename(), fs::copy_options::overwrite_existing);
     }
-    void writeConfig(const std::string& fileName, const std::string& text) { std::ofstream(configFolder() / fileName) << text; }
+    void writeConfig(const std::string& name, const std::string& text) { std::ofstream(configFolder() / name) << text; }
 
     // Loads the copy (once). Until then backends and configs can be changed.
     QHost::PluginLibrary& plugin() {

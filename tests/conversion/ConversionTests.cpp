@@ -234,8 +234,8 @@ TEST_F(Conversion, EveryPathAgainstTheReference) {
          {"CHW-F32-RGB_TO_CHW-U8-RGB"}, {}},
         {"view away from the origin", {true, viewed, RGBA, HWC, ML::U8, 8, view}, {false, {0, 0, 7, 5}, RGBA, CHW, ML::F32},
          {0, 1, 2, 3}, {"HWC-U8-RGBA_TO_CHW-F32-RGBA"}, {}},
-        {"into a view away from the origin", {false, {0, 0, 7, 5}, RGBA, CHW, ML::F32}, {true, viewed, RGBA, HWC, ML::U8, 8, view},
-         {0, 1, 2, 3}, {"CHW-F32-RGBA_TO_HWC-U8-RGBA"}, {}},
+        {"into a view away from the origin", {false, {0, 0, 7, 5}, RGBA, CHW, ML::F32},
+         {true, viewed, RGBA, HWC, ML::U8, 8, view}, {0, 1, 2, 3}, {"CHW-F32-RGBA_TO_HWC-U8-RGBA"}, {}},
         {"packed bytes to planar half, alpha dropped", {true, r95, RGBA, HWC, ML::U8}, {false, r95, RGB, CHW, ML::F16},
          {0, 1, 2}, {"HWC-U8-RGBA_TO_CHW-F16-RGB"}, {}},
         {"planar half to packed bytes, opaque alpha added", {false, r95, RGB, CHW, ML::F16}, {true, r95, RGBA, HWC, ML::U8},
@@ -251,8 +251,8 @@ TEST_F(Conversion, EveryPathAgainstTheReference) {
          {0.0f, 0.2f, 0.5f, 1.0f, -0.3f, 1.7f, 100.0f / 255.0f, 254.4f / 255.0f}},
         {"host to host through the device", {true, r64, RGB, HWC, ML::U8}, {true, r64, BGR, CHW, ML::F32, 12},
          {2, 1, 0}, {"HWC-U8-RGB_TO_CHW-F32-BGR"}, {}},
-        {"host to host resize in one format", {true, {0, 0, 8, 6}, RGB, HWC, ML::U8, 4}, {true, {0, 0, 4, 3}, RGB, HWC, ML::U8},
-         {0, 1, 2}, {}, {"resize_U8_HWC"}, 0.5f / 255.0f + 1e-5f},
+        {"host to host resize in one format", {true, {0, 0, 8, 6}, RGB, HWC, ML::U8, 4},
+         {true, {0, 0, 4, 3}, RGB, HWC, ML::U8}, {0, 1, 2}, {}, {"resize_U8_HWC"}, 0.5f / 255.0f + 1e-5f},
         {"same format: only the resize network", {false, {0, 0, 5, 4}, RGB, CHW, ML::F32},
          {false, {0, 0, 9, 7}, RGB, CHW, ML::F32}, {0, 1, 2}, {}, {"resize_F32_CHW"}, 1e-5f},
         // Resizing first, in U8, would round to whole steps of 1/255.
@@ -442,7 +442,8 @@ TEST_F(Conversion, RefusalsWithTheirText) {
     ML::g_pluginLogger = nullptr;
     ML::g_hostLogger = nullptr;
     // Only nothing to do is also warned about.
-    EXPECT_EQ(log.lines(), std::vector<std::string>{"[Quillon] [W] Copying image tensor to image tensor of identical format?"});
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"[Quillon] [W] Copying image tensor to image tensor of identical format?"});
     EXPECT_NO_THROW(match(*planar, {1, 5, 4, 6}));  // the channel extent is not compared
     EXPECT_TRUE(converter->loadedConversionNetworks().empty());
     EXPECT_TRUE(converter->loadedResizeNetworks().empty());

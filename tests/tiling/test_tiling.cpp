@@ -193,7 +193,8 @@ TEST(ExecutionPlanMap, ThreadsShareOnePlanPerKey) {
     for (size_t i = 0; i < seen.size(); ++i) {
         const ExecutionPlan* expected = &map.get(rects[i % rects.size()], 32);
         EXPECT_EQ(expected->rect, rects[i % rects.size()]);
-        EXPECT_EQ(seen[i], std::set<const ExecutionPlan*>{expected}) << "thread " << i / rects.size() << " key " << i % rects.size();
+        EXPECT_EQ(seen[i], std::set<const ExecutionPlan*>{expected})
+            << "thread " << i / rects.size() << " key " << i % rects.size();
     }
 }
 
