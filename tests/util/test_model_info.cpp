@@ -61,11 +61,11 @@ TEST(ModelInfo, TileExtentsArePositiveAndFitInt32) {
         {"1e10", false, 0},               {"-3e9", false, 0},     {"1.5e300", false, 0},
     };
     for (const Case& c : cases) {
-        json entry = baseEntry();
+        json config = entry();
         const std::string tiles = std::string(R"({"availableTileSizes": [{"execH": 8, "execW": )") + c.value + "}]}";
-        entry["params"] = json::parse(tiles);
+        config["params"] = json::parse(tiles);
         try {
-            const ML::ModelInfo info(entry);
+            const ML::ModelInfo info(config);
             EXPECT_TRUE(c.accepted) << c.value;
             EXPECT_EQ(info.getOnlyTileSize().execW, c.read) << c.value;
         } catch (const ML::Exception& e) {
@@ -79,13 +79,13 @@ TEST(ModelInfo, TileExtentsArePositiveAndFitInt32) {
 TEST(ModelInfo, ParamsNestedTooDeeplyAreRefusedWithoutOverflowingTheStack) {
     const std::pair<int, bool> cases[] = {{63, true}, {64, true}, {65, false}, {200000, false}};
     for (const auto& [levels, accepted] : cases) {
-        json entry = baseEntry();
+        json config = entry();
         // Innermost level an object, so that objects count as well as arrays.
-        entry["params"] = json::parse(std::string(levels - 1, '[') + "{}" + std::string(levels - 1, ']'));
+        config["params"] = json::parse(std::string(levels - 1, '[') + "{}" + std::string(levels - 1, ']'));
         try {
-            const ML::ModelInfo info(entry);
+            const ML::ModelInfo info(config);
             EXPECT_TRUE(accepted) << levels;
-            EXPECT_EQ(info.params, entry["params"]) << levels;
+            EXPECT_EQ(info.params, config["params"]) << levels;
         } catch (const ML::Exception& e) {
             EXPECT_FALSE(accepted) << levels;
             EXPECT_NE(std::string(e.what()).find("nested deeper than 64 levels"), std::string::npos) << e.what();
