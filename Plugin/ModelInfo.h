@@ -26,8 +26,8 @@ struct ModelInfo {
 
     ModelInfo() = default;
     // Parses one element of "availableModels". Missing or mistyped required keys raise the
-    // JSON library's type error; a tile extent outside i32 or params nested deeper than 64
-    // levels of arrays and objects, PLUGIN/INTERNAL.
+    // JSON library's type error; a tile extent below 1 or beyond i32, or params nested deeper
+    // than 64 levels of arrays and objects, PLUGIN/INTERNAL.
     explicit ModelInfo(const nlohmann::json& entry);
 
     // The one tile size of a fixed-size model; PLUGIN/INTERNAL when there is none or several.

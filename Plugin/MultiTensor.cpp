@@ -11,8 +11,8 @@ std::shared_ptr<BackendTensor> MultiTensor::acquire(const std::vector<u64>& shap
     for (u64 extent : shape) bytes *= extent;
     if (!backing || bytes > capacity) {
         // At least one byte, so that even a zero-sized view has a backing tensor behind it.
-        backing = modelContext->createTensor({std::max<u64>(bytes, 1)}, U8);
         capacity = std::max<u64>(bytes, 1);
+        backing = modelContext->createTensor({capacity}, U8);
     }
     return backing->view(shape, dataType);
 }

@@ -106,7 +106,7 @@ u32 bytesPerPixel(const Image& image) {
 void clearImage(const Ptr<Image>& image) {
     if (image->getMemoryLayout() != Image::HWC) ML_THROW("clearImage only supports HWC images for now");
     const Rect rect = image->getRect();
-    if (rect.width() <= 0 || rect.height() <= 0) return;
+    if (rect.isEmpty()) return;
 
     const u64 rowBytes = image->getRowBytes();
     const u64 packedRow = static_cast<u64>(rect.width()) * bytesPerPixel(*image);
@@ -139,7 +139,7 @@ void copySlice(const Ptr<Image>& input, const Ptr<Image>& output, const Rect& in
     const u32 layout = input->getMemoryLayout();
     if (layout != Image::HWC && layout != Image::CHW)
         ML_THROW("copySlice not implemented for unknown memoty layout! (not CHW or HWC)");
-    if (inRect.width() <= 0 || inRect.height() <= 0) return;
+    if (inRect.isEmpty()) return;
 
     const u64 element = bytesPerElement(input->getDataType());
     const u64 channels = channelCount(input->getChannelFormat());

@@ -39,7 +39,8 @@ size_t locationLength(const std::string& text) {
 std::string plainReason(const std::string& text, const std::string& named) {
     std::string reason = text;
     for (;;) {
-        const size_t cut = codePrefixLength(reason) + locationLength(reason.substr(codePrefixLength(reason)));
+        const size_t code = codePrefixLength(reason);
+        const size_t cut = code + locationLength(reason.substr(code));
         if (cut == 0) break;
         reason.erase(0, cut);
     }

@@ -74,8 +74,7 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame) {
             const std::string what = "frame " + std::to_string(frame) + ": " + targetName(request_.target) + " failed";
             const std::string why = session_.lastPluginError();
             const std::string detail = "plug-in result " + std::to_string(result) + (why.empty() ? "" : ": " + why);
-            if (why.empty()) throw CliError(exitCodeForResult(result), what, detail);
-            throw CliError(exitCodeForResult(result), what + ": " + plainReason(why), detail);
+            throw CliError(exitCodeForResult(result), why.empty() ? what : what + ": " + plainReason(why), detail);
         }
     }
 

@@ -69,7 +69,7 @@ ML::Rect parseRoi(const std::string& text) {
     r.y0 = static_cast<ML::i32>(parseInteger(parts[1], "region", INT_MIN / 2, INT_MAX / 2));
     r.x1 = static_cast<ML::i32>(parseInteger(parts[2], "region", INT_MIN / 2, INT_MAX / 2));
     r.y1 = static_cast<ML::i32>(parseInteger(parts[3], "region", INT_MIN / 2, INT_MAX / 2));
-    if (r.x1 <= r.x0 || r.y1 <= r.y0) throw UsageError("bad region '" + text + "': it is empty (x1 > x0 and y1 > y0)");
+    if (r.isEmpty()) throw UsageError("bad region '" + text + "': it is empty (x1 > x0 and y1 > y0)");
     return r;
 }
 

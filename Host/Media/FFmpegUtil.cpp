@@ -11,7 +11,19 @@ extern "C" {
 #include "Host/Media/MediaLog.h"
 #include "ML/Exception.h"
 
-namespace QMedia::ff {
+namespace QMedia {
+
+namespace {
+// Set once the host has chosen a level; quietLogging leaves it alone then.
+std::atomic<bool> levelChosen{false};
+}  // namespace
+
+void setLogVerbosity(int verbosity) {
+    levelChosen = true;
+    av_log_set_level(verbosity >= 2 ? AV_LOG_WARNING : verbosity == 1 ? AV_LOG_ERROR : AV_LOG_QUIET);
+}
+
+namespace ff {
 
 std::string errorText(int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -19,29 +31,12 @@ std::string errorText(int code) {
     return text;
 }
 
-namespace {
-std::atomic<bool> levelChosen{false};
-}  // namespace
-
 void quietLogging() {
     static std::once_flag once;
     std::call_once(once, [] {
         if (!levelChosen) av_log_set_level(AV_LOG_QUIET);
     });
 }
-
-}  // namespace QMedia::ff
-
-namespace QMedia {
-
-void setLogVerbosity(int verbosity) {
-    ff::levelChosen = true;
-    av_log_set_level(verbosity >= 2 ? AV_LOG_WARNING : verbosity == 1 ? AV_LOG_ERROR : AV_LOG_QUIET);
-}
-
-}  // namespace QMedia
-
-namespace QMedia::ff {
 
 FramePtr allocFrame() {
     FramePtr f(av_frame_alloc());
@@ -55,4 +50,5 @@ PacketPtr allocPacket() {
     return p;
 }
 
-}  // namespace QMedia::ff
+}  // namespace ff
+}  // namespace QMedia
