@@ -12,6 +12,7 @@ namespace qpkg {
 int onnxElemType(ML::u32 dataType) {
     switch (dataType) {
         case ML::U8: return onnx::TensorProto::UINT8;
+        case ML::I32: return onnx::TensorProto::INT32;
         case ML::F16: return onnx::TensorProto::FLOAT16;
         case ML::F32: return onnx::TensorProto::FLOAT;
         case ML::I64: return onnx::TensorProto::INT64;
@@ -128,6 +129,25 @@ std::string GraphBuilder::op(const std::string& type, const std::vector<std::str
     for (const onnx::AttributeProto& a : attrs) *node->add_attribute() = a;
     node->add_output(out);
     return out;
+}
+
+std::vector<std::string> GraphBuilder::ops(const std::string& type, const std::vector<std::string>& inputs,
+                                           int outputs, const std::vector<onnx::AttributeProto>& attrs) {
+    const std::string first = op(type, inputs, attrs);
+    onnx::NodeProto* node = model_.mutable_graph()->mutable_node(model_.graph().node_size() - 1);
+    std::vector<std::string> names{first};
+    for (int i = 1; i < outputs; ++i) {
+        names.push_back(first + "_" + std::to_string(i));
+        node->add_output(names.back());
+    }
+    return names;
+}
+
+std::string GraphBuilder::initializer(onnx::TensorProto tensor, const std::string& hint) {
+    const std::string name = fresh(hint);
+    tensor.set_name(name);
+    *model_.mutable_graph()->add_initializer() = std::move(tensor);
+    return name;
 }
 
 std::string GraphBuilder::constF32(const std::vector<float>& values, const std::vector<int64_t>& dims) {

@@ -15,7 +15,7 @@ namespace qpkg {
 constexpr int kOpsetVersion = 17;
 constexpr int kIrVersion = 8;
 
-// ONNX element type of an ML::DataType (U8, F16, F32, I64 only).
+// ONNX element type of an ML::DataType (U8, I32, F16, F32, I64 only).
 int onnxElemType(ML::u32 dataType);
 
 // One extent of a tensor: a fixed size, or a symbol shared by tensors of equal extent.
@@ -46,6 +46,13 @@ public:
     // A node with one output; returns the output's name.
     std::string op(const std::string& type, const std::vector<std::string>& inputs,
                    const std::vector<onnx::AttributeProto>& attrs = {});
+
+    // A node with several outputs; returns their names in order.
+    std::vector<std::string> ops(const std::string& type, const std::vector<std::string>& inputs, int outputs,
+                                 const std::vector<onnx::AttributeProto>& attrs = {});
+
+    // Adds a filled tensor as an initializer under a fresh name made from hint; returns the name.
+    std::string initializer(onnx::TensorProto tensor, const std::string& hint = "const");
 
     std::string constF32(const std::vector<float>& values, const std::vector<int64_t>& dims);
     std::string constI64(const std::vector<int64_t>& values, const std::vector<int64_t>& dims);

@@ -1,0 +1,56 @@
+#pragma once
+// A TensorFlow.js model as stored on disk: "model.json" (graph model or layers model) and the
+// weight shards named by its weights manifest, decoded into host arrays.
+//
+// The shards of each manifest group are concatenated in order and the group's weights read one
+// after another: float32 and int32 take 4 bytes, bool 1, string a 4-byte little-endian length and
+// the bytes. A weight may be quantised: "float16" (IEEE half) or "uint8" with "scale" and "min"
+// (value = q * scale + min, rounded when the original type is int32).
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace qpkg::tfjs {
+
+enum class WeightType { Float32, Int32, Bool, String };
+
+struct Weight {
+    std::string name;
+    WeightType type = WeightType::Float32;
+    std::vector<int64_t> shape;  // empty: a scalar
+    // Float32 weights: the values. When the file stored them as IEEE halves, half holds the
+    // original bits too, so that a writer can keep them in F16.
+    std::vector<float> f32;
+    std::vector<uint16_t> half;
+    std::vector<int32_t> i32;  // Int32 and Bool (0 or 1) weights
+    std::vector<std::string> strings;
+
+    int64_t elementCount() const;
+    bool storedAsHalf() const { return !half.empty(); }
+};
+
+struct Model {
+    std::filesystem::path file;  // the model.json read
+    std::string format;          // "graph-model" or "layers-model"
+    nlohmann::json topology;     // "modelTopology"
+    nlohmann::json signature;    // top-level "signature" or userDefinedMetadata.signature; null if none
+    nlohmann::json document;     // the whole model.json
+    std::map<std::string, Weight> weights;
+
+    // The weight of that name; ImportError naming it when there is none.
+    const Weight& weight(const std::string& name) const;
+    bool hasWeight(const std::string& name) const { return weights.count(name) != 0; }
+};
+
+// Reads model.json and its shards. Bad JSON, a missing, short or over-long shard, an unknown
+// data type or quantisation end in ImportError naming the file.
+Model readModel(const std::filesystem::path& modelJson);
+
+// IEEE half to float and back (round to nearest even).
+float halfToFloat(uint16_t h);
+
+}  // namespace qpkg::tfjs
