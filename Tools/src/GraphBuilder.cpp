@@ -28,6 +28,14 @@ onnx::AttributeProto attrInt(const std::string& name, int64_t value) {
     return a;
 }
 
+onnx::AttributeProto attrFloat(const std::string& name, float value) {
+    onnx::AttributeProto a;
+    a.set_name(name);
+    a.set_type(onnx::AttributeProto::FLOAT);
+    a.set_f(value);
+    return a;
+}
+
 onnx::AttributeProto attrInts(const std::string& name, const std::vector<int64_t>& values) {
     onnx::AttributeProto a;
     a.set_name(name);

@@ -29,6 +29,7 @@ struct Dim {
 using Dims = std::vector<Dim>;
 
 onnx::AttributeProto attrInt(const std::string& name, int64_t value);
+onnx::AttributeProto attrFloat(const std::string& name, float value);
 onnx::AttributeProto attrInts(const std::string& name, const std::vector<int64_t>& values);
 onnx::AttributeProto attrString(const std::string& name, const std::string& value);
 // A one-element tensor attribute (the "value" of ConstantOfShape) of the given data type.
