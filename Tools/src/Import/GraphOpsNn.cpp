@@ -189,8 +189,10 @@ std::vector<ValuePtr> resize(Context& c, bool linear) {
     } else {
         attrs.push_back(attrString("mode", "nearest"));
         attrs.push_back(attrString("coordinate_transformation_mode",
-                                   alignCorners ? "align_corners" : halfPixel ? "tf_half_pixel_for_nn" : "asymmetric"));
-        attrs.push_back(attrString("nearest_mode", alignCorners ? "round_prefer_ceil" : "floor"));
+                                   alignCorners ? "align_corners" : halfPixel ? "half_pixel" : "asymmetric"));
+        // TensorFlow takes floor((x + 0.5) * scale) for half-pixel centres: the half-pixel source
+        // coordinate rounded half up.
+        attrs.push_back(attrString("nearest_mode", alignCorners || halfPixel ? "round_prefer_ceil" : "floor"));
     }
     const std::string y = c.g.op("Resize", {xn, "", "", sizes}, attrs);
     return {c.make(y, x.type, {s[0], outH, outW, s[3]}, kNCHW)};
