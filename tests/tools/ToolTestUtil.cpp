@@ -21,7 +21,7 @@ namespace tooltest {
 
 namespace {
 
-// U8, F16, F32 and I64 with their ONNX Runtime types and sizes.
+// U8, F16, F32, I32 and I64 with their ONNX Runtime types and sizes.
 struct TypeInfo {
     ML::u32 type;
     ONNXTensorElementDataType ort;
@@ -30,6 +30,7 @@ struct TypeInfo {
 const TypeInfo kTypes[] = {{ML::U8, ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8, 1},
                            {ML::F16, ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16, 2},
                            {ML::F32, ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT, 4},
+                           {ML::I32, ONNX_TENSOR_ELEMENT_DATA_TYPE_INT32, 4},
                            {ML::I64, ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64, 8}};
 
 const TypeInfo& typeInfo(ML::u32 type, ONNXTensorElementDataType ort = ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED) {
@@ -54,12 +55,14 @@ std::vector<uint8_t> toBytes(const Tensor& t) {
 std::vector<float> fromBytes(ML::u32 type, const uint8_t* p, size_t count) {
     std::vector<float> values(count);
     uint16_t f16;
+    int32_t i32;
     int64_t i64;
     for (size_t i = 0; i < count; ++i, p += typeInfo(type).size) {
         switch (type) {
             case ML::U8: values[i] = *p; break;
             case ML::F16: std::memcpy(&f16, p, 2); values[i] = Imath::half(Imath::half::FromBits, f16); break;
             case ML::F32: std::memcpy(&values[i], p, 4); break;
+            case ML::I32: std::memcpy(&i32, p, 4); values[i] = static_cast<float>(i32); break;
             default: std::memcpy(&i64, p, 8); values[i] = static_cast<float>(i64);
         }
     }

@@ -15,14 +15,14 @@ namespace tooltest {
 
 namespace fs = std::filesystem;
 
-// A tensor in host memory: element type (U8, F16, F32, I64), shape and the values as floats.
+// A tensor in host memory: element type (U8, F16, F32, I32, I64), shape and the values as floats.
 struct Tensor {
     ML::u32 type = ML::F32;
     std::vector<int64_t> shape;
     std::vector<float> values;
 };
 
-// Values rounded as the type stores them (F16 to nearest, U8 and I64 truncated); zeros if none
+// Values rounded as the type stores them (F16 to nearest, U8, I32 and I64 truncated); zeros if none
 // are given.
 Tensor makeTensor(ML::u32 type, std::vector<int64_t> shape, std::vector<float> values = {});
 

@@ -163,7 +163,8 @@ std::vector<Entry> inputEntries(const Model& model, const GraphDef& graph, const
             for (const auto& [key, j] : inputs->items()) {
                 const std::string name = withoutZero(j.value("name", key));
                 Entry e;
-                if (const Node* n = graph.find(tensorRef(name).first); n && n->op == "Placeholder") e = placeholderEntry(*n);
+                if (const Node* n = graph.find(tensorRef(name).first); n && n->op == "Placeholder")
+                    e = placeholderEntry(*n);
                 e.name = name;
                 if (j.contains("dtype")) {
                     e.typed = true;
@@ -183,15 +184,17 @@ std::vector<Entry> inputEntries(const Model& model, const GraphDef& graph, const
         const auto it = options.inputShapes.find(e.name);
         if (it == options.inputShapes.end()) continue;
         if (e.ranked && e.shape.size() != it->second.size())
-            throw ImportError(model.file.string() + ": input " + e.name + " has rank " + std::to_string(e.shape.size()) +
-                              ", the shape given for it has " + std::to_string(it->second.size()) + " extents");
+            throw ImportError(model.file.string() + ": input " + e.name + " has rank " +
+                              std::to_string(e.shape.size()) + ", the shape given for it has " +
+                              std::to_string(it->second.size()) + " extents");
         if (!e.ranked) e.shape.assign(it->second.size(), -1);
         e.ranked = true;
         for (size_t i = 0; i < e.shape.size(); ++i)
             if (it->second[i] >= 0) {
                 if (e.shape[i] >= 0 && e.shape[i] != it->second[i])
                     throw ImportError(model.file.string() + ": input " + e.name + " has a fixed extent " +
-                                      std::to_string(e.shape[i]) + " where " + std::to_string(it->second[i]) + " is given");
+                                      std::to_string(e.shape[i]) + " where " + std::to_string(it->second[i]) +
+                                      " is given");
                 e.shape[i] = it->second[i];
             }
     }
@@ -236,7 +239,7 @@ std::vector<Entry> outputEntries(const Model& model, const GraphDef& graph) {
 class GraphImporter {
 public:
     GraphImporter(GraphBuilder& g, const Model& model, const GraphDef& graph, const ImportOptions& options,
-             const std::map<std::string, std::string>& inputs)
+                  const std::map<std::string, std::string>& inputs)
         : graph_(graph), options_(options), inputs_(inputs), ctx_(g, model) {
         for (const Entry& e : inputEntries(model, graph, options)) entries_[e.name] = e;
     }
@@ -344,10 +347,13 @@ private:
         Entry e = entry != entries_.end() ? entry->second : placeholderEntry(n);
         const auto fixed = options_.inputConstants.find(n.name);
         if (fixed != options_.inputConstants.end()) {
-            Host h{e.typed ? e.type : DType::Float, {}, std::vector<double>(fixed->second.begin(), fixed->second.end())};
+            Host h{
+                e.typed ? e.type : DType::Float, {}, std::vector<double>(fixed->second.begin(), fixed->second.end())};
             const auto shape = options_.inputShapes.find(n.name);
-            if (shape != options_.inputShapes.end() && product(shape->second) == h.count()) h.shape = shape->second;
-            else if (h.count() != 1) h.shape = {h.count()};
+            if (shape != options_.inputShapes.end() && product(shape->second) == h.count())
+                h.shape = shape->second;
+            else if (h.count() != 1)
+                h.shape = {h.count()};
             return ctx_.constantValue(std::move(h));
         }
         const auto given = inputs_.find(n.name);
@@ -372,7 +378,8 @@ private:
 
 ValuePtr liveOutput(GraphImporter& importer, const Model& model, const std::string& name) {
     ValuePtr v = importer.value(name);
-    if (v->dead) throw ImportError(model.file.string() + ": output " + name + " lies on the untaken side of a conditional");
+    if (v->dead)
+        throw ImportError(model.file.string() + ": output " + name + " lies on the untaken side of a conditional");
     return v;
 }
 

@@ -172,9 +172,7 @@ std::string base64Decode(const std::string& in) {
     return out;
 }
 
-int64_t jsonInt(const nlohmann::json& j) {
-    return j.is_string() ? std::stoll(j.get<std::string>()) : j.get<int64_t>();
-}
+int64_t jsonInt(const nlohmann::json& j) { return j.is_string() ? std::stoll(j.get<std::string>()) : j.get<int64_t>(); }
 
 double jsonFloat(const nlohmann::json& j) {
     if (j.is_string()) {  // "NaN", "Infinity", "-Infinity" as the JSON writer of protobuf spells them
@@ -196,10 +194,14 @@ std::vector<int64_t> reshapeTarget(const std::vector<int64_t>& shape, const Perm
     int free = 0;
     for (size_t j = 0; j < to.size(); ++j) {
         const int64_t d = shape[static_cast<size_t>(to[j])];
-        if (d >= 0) dims.push_back(d);
-        else if (from[j] == to[j]) dims.push_back(0);  // Reshape copies it from the same place
-        else if (++free == 1) dims.push_back(-1);
-        else return {};
+        if (d >= 0)
+            dims.push_back(d);
+        else if (from[j] == to[j])
+            dims.push_back(0);  // Reshape copies it from the same place
+        else if (++free == 1)
+            dims.push_back(-1);
+        else
+            return {};
     }
     return dims;
 }
@@ -241,8 +243,9 @@ Converter converterFor(const std::string& op) {
 }
 
 bool isLoopOp(const std::string& op) {
-    static const std::set<std::string> loops = {"Enter", "Exit", "NextIteration", "LoopCond", "While",
-                                                "StatelessWhile", "RefEnter", "RefExit", "RefNextIteration"};
+    static const std::set<std::string> loops = {"Enter",    "Exit",    "NextIteration",
+                                                "LoopCond", "While",   "StatelessWhile",
+                                                "RefEnter", "RefExit", "RefNextIteration"};
     return loops.count(op) != 0 || op.rfind("TensorList", 0) == 0 || op.rfind("TensorArray", 0) == 0;
 }
 
@@ -302,8 +305,8 @@ Perm withoutAxes(const Perm& perm, int rank, const std::vector<int>& removed) {
     Perm out;
     for (int axis : perm) {
         if (std::find(removed.begin(), removed.end(), axis) != removed.end()) continue;
-        out.push_back(axis - static_cast<int>(std::count_if(removed.begin(), removed.end(),
-                                                            [&](int r) { return r < axis; })));
+        out.push_back(axis -
+                      static_cast<int>(std::count_if(removed.begin(), removed.end(), [&](int r) { return r < axis; })));
     }
     return normalized(out, static_cast<int>(out.size()));
 }
@@ -410,9 +413,12 @@ Host Context::constant(const Value& v, const std::string& what) const {
     if (!v.weight) fail(what + " must be known when the graph is imported");
     const Weight& w = *v.weight;
     Host h{v.type, w.shape, {}};
-    if (w.type == WeightType::Float32) h.v.assign(w.f32.begin(), w.f32.end());
-    else if (w.type == WeightType::String) fail("weight " + w.name + " holds strings");
-    else h.v.assign(w.i32.begin(), w.i32.end());
+    if (w.type == WeightType::Float32)
+        h.v.assign(w.f32.begin(), w.f32.end());
+    else if (w.type == WeightType::String)
+        fail("weight " + w.name + " holds strings");
+    else
+        h.v.assign(w.i32.begin(), w.i32.end());
     return h;
 }
 
@@ -435,9 +441,12 @@ std::string Context::writeConstant(const Value& v, const std::vector<int64_t>& s
     for (int64_t d : h.shape) t.add_dims(d);
     t.set_data_type(onnxType(h.type));
     for (double x : h.v) {
-        if (h.type == DType::Float) t.add_float_data(static_cast<float>(x));
-        else if (h.type == DType::Int) t.add_int64_data(static_cast<int64_t>(std::llround(x)));
-        else t.add_int32_data(x != 0);
+        if (h.type == DType::Float)
+            t.add_float_data(static_cast<float>(x));
+        else if (h.type == DType::Int)
+            t.add_int64_data(static_cast<int64_t>(std::llround(x)));
+        else
+            t.add_int32_data(x != 0);
     }
     return g.initializer(std::move(t), "c");
 }
@@ -540,8 +549,10 @@ bool broadcastShape(const std::vector<const Value*>& values, std::vector<int64_t
             const int64_t d = v->shape[i];
             int64_t& o = out[offset + i];
             if (d == 1) continue;
-            if (o == 1) o = d;
-            else if (o != d) o = -1;  // unknown or (for TensorFlow) an error found at run time
+            if (o == 1)
+                o = d;
+            else if (o != d)
+                o = -1;  // unknown or (for TensorFlow) an error found at run time
         }
     }
     return true;
@@ -568,8 +579,8 @@ bool needsTranspose(const Value& v, int rank, const Perm& perm) {
 
 // Ops that take their (first) input in TensorFlow's order.
 bool wantsTensorFlowOrder(const std::string& op) {
-    static const std::set<std::string> ops = {"Reshape", "GatherNd", "MatMul", "_FusedMatMul", "BatchMatMul",
-                                              "BatchMatMulV2", "Pack", "Fill", "Range"};
+    static const std::set<std::string> ops = {"Reshape",       "GatherNd", "MatMul", "_FusedMatMul", "BatchMatMul",
+                                              "BatchMatMulV2", "Pack",     "Fill",   "Range"};
     return ops.count(op) != 0;
 }
 
@@ -587,8 +598,10 @@ Perm commonLayout(const Context& c, const std::vector<const Value*>& values, int
     bool plainConsumers = c.node && !c.node->consumers.empty();
     if (c.node)
         for (const Node* n : c.node->consumers) plainConsumers = plainConsumers && wantsTensorFlowOrder(n->op);
-    if (!plainConsumers) candidates.push_back({});
-    else candidates.insert(candidates.begin(), Perm{});
+    if (!plainConsumers)
+        candidates.push_back({});
+    else
+        candidates.insert(candidates.begin(), Perm{});
     Perm best;
     int bestCost = INT_MAX;
     for (const Perm& p : candidates) {
@@ -609,8 +622,7 @@ std::string activation(Context& c, const std::string& name, const std::string& x
     if (name == "Sigmoid") return c.g.op("Sigmoid", {x});
     if (name == "Tanh") return c.g.op("Tanh", {x});
     if (name == "LeakyRelu")
-        return c.g.op("LeakyRelu", {x},
-                      {attrFloat("alpha", static_cast<float>(c.floatAttr("leakyrelu_alpha", 0.2)))});
+        return c.g.op("LeakyRelu", {x}, {attrFloat("alpha", static_cast<float>(c.floatAttr("leakyrelu_alpha", 0.2)))});
     c.fail("fused activation " + name + " is not supported");
 }
 

@@ -47,9 +47,9 @@ struct Value {
     std::string name;  // the ONNX value holding it; empty while a constant is not written yet
     DType type = DType::Float;
     bool ranked = false;
-    std::vector<int64_t> shape;  // TensorFlow's order; -1 for an extent known only at run time
-    Perm perm;                   // the layout (see above); empty: TensorFlow's order
-    const Weight* weight = nullptr;  // a Const node's weight
+    std::vector<int64_t> shape;        // TensorFlow's order; -1 for an extent known only at run time
+    Perm perm;                         // the layout (see above); empty: TensorFlow's order
+    const Weight* weight = nullptr;    // a Const node's weight
     std::shared_ptr<const Host> host;  // the elements, where known at import time (small ones)
     bool dead = false;                 // the untaken side of a conditional
 
@@ -87,7 +87,7 @@ public:
 
     GraphBuilder& g;
     const Model& model;
-    const Node* node = nullptr;  // the node being converted
+    const Node* node = nullptr;    // the node being converted
     std::vector<ValuePtr> inputs;  // its data inputs, converted
 
     // Refusal naming the node being converted and its op.
@@ -126,7 +126,9 @@ public:
     ValuePtr deadValue() const;
 
     // Written constants.
-    std::string i64(const std::vector<int64_t>& values) { return g.constI64(values, {static_cast<int64_t>(values.size())}); }
+    std::string i64(const std::vector<int64_t>& values) {
+        return g.constI64(values, {static_cast<int64_t>(values.size())});
+    }
     std::string i64Scalar(int64_t value) { return g.constI64({value}, {}); }
 
 private:
@@ -156,19 +158,19 @@ DType dtypeOf(const std::string& tfType);  // "DT_FLOAT", ... ; throws for types
 
 // Element-wise ops and reductions that share one converter each.
 enum class Binary {
-    Add, Sub, Mul, Div, FloorDiv, FloorMod, Max, Min, Pow, SquaredDifference,
-    Equal, NotEqual, Less, LessEqual, Greater, GreaterEqual, And, Or, Prelu
+    Add, Sub, Mul, Div, FloorDiv, FloorMod, Max, Min, Pow, SquaredDifference, Equal, NotEqual, Less, LessEqual,
+    Greater, GreaterEqual, And, Or, Prelu
 };
 enum class Unary {
-    Relu, Relu6, Elu, Selu, LeakyRelu, Sigmoid, Tanh, Exp, Log, Log1p, Neg, Abs, Sqrt, Rsqrt, Square,
-    Reciprocal, Floor, Ceil, Round, Sign, Softplus, Softsign, Sin, Cos, Erf, Not, IsNan
+    Relu, Relu6, Elu, Selu, LeakyRelu, Sigmoid, Tanh, Exp, Log, Log1p, Neg, Abs, Sqrt, Rsqrt, Square, Reciprocal,
+    Floor, Ceil, Round, Sign, Softplus, Softsign, Sin, Cos, Erf, Not, IsNan
 };
 enum class Reduction { Sum, Mean, Max, Min, Prod };
 
 // Converters, by family. GraphOps.cpp maps TensorFlow op types to them.
 namespace ops {
 // Convolutions, pooling, resizing, matrix products (GraphOpsNn.cpp).
-std::vector<ValuePtr> conv2d(Context&);  // Conv2D and _FusedConv2D
+std::vector<ValuePtr> conv2d(Context&);           // Conv2D and _FusedConv2D
 std::vector<ValuePtr> depthwiseConv2d(Context&);  // with or without fused ops
 std::vector<ValuePtr> conv2dBackpropInput(Context&);
 std::vector<ValuePtr> batchToSpace(Context&);

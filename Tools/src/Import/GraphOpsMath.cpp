@@ -183,7 +183,8 @@ std::string emitUnary(Context& c, Unary op, const std::string& x) {
         case Unary::Relu6: return g.clip(x, 0.0f, 6.0f);
         case Unary::Elu: return g.op("Elu", {x});
         case Unary::Selu:
-            return g.op("Selu", {x}, {attrFloat("alpha", 1.6732632423543772f), attrFloat("gamma", 1.0507009873554805f)});
+            return g.op("Selu", {x},
+                        {attrFloat("alpha", 1.6732632423543772f), attrFloat("gamma", 1.0507009873554805f)});
         case Unary::LeakyRelu:
             return g.op("LeakyRelu", {x}, {attrFloat("alpha", static_cast<float>(c.floatAttr("alpha", 0.2)))});
         case Unary::Sigmoid: return g.op("Sigmoid", {x});
@@ -237,8 +238,10 @@ ValuePtr reduced(Context& c, const Value& x, const std::vector<int>& axes, bool 
     std::vector<int64_t> shape;
     for (int i = 0; i < x.rank(); ++i) {
         const bool gone = std::find(axes.begin(), axes.end(), i) != axes.end();
-        if (!gone) shape.push_back(x.shape[static_cast<size_t>(i)]);
-        else if (keep) shape.push_back(1);
+        if (!gone)
+            shape.push_back(x.shape[static_cast<size_t>(i)]);
+        else if (keep)
+            shape.push_back(1);
     }
     return c.make(name, type, shape, keep ? x.perm : withoutAxes(x.perm, x.rank(), axes));
 }
@@ -254,8 +257,8 @@ std::vector<ValuePtr> argReduce(Context& c, const char* onnxOp) {
     Value& x = c.in(0);
     const std::vector<int> axes = tfAxes(c, x, c.in(1));
     if (axes.size() != 1) c.fail("expects one axis");
-    const std::string out = c.g.op(onnxOp, {c.held(x)},
-                                   {attrInt("axis", onnxAxis(x, axes[0])), attrInt("keepdims", 0)});
+    const std::string out =
+        c.g.op(onnxOp, {c.held(x)}, {attrInt("axis", onnxAxis(x, axes[0])), attrInt("keepdims", 0)});
     return {reduced(c, x, axes, false, out, DType::Int)};
 }
 
@@ -273,8 +276,9 @@ std::vector<ValuePtr> ops::binary(Context& c, Binary op) {
     if (a.type != b.type && !(op == Binary::Prelu)) c.fail("operands of different element types");
     const DType outType = isComparison(op) ? DType::Bool : a.type;
     if (foldable(a) && foldable(b))
-        return {c.constantValue(foldElementwise(
-            c, {&a, &b}, outType, [&](const std::vector<double>& v) { return hostBinary(c, op, a.type, v[0], v[1]); }))};
+        return {c.constantValue(foldElementwise(c, {&a, &b}, outType, [&](const std::vector<double>& v) {
+            return hostBinary(c, op, a.type, v[0], v[1]);
+        }))};
     return {elementwise(c, {&a, &b}, outType,
                         [&](const std::vector<std::string>& n) { return emitBinary(c, op, a.type, n[0], n[1]); })};
 }
@@ -316,8 +320,8 @@ std::vector<ValuePtr> ops::select(Context& c) {
         rows = *c.make(c.g.op("Unsqueeze", {c.plain(*cond), c.i64(axes)}), DType::Bool, shape);
         cond = &rows;
     }
-    return {elementwise(c, {cond, &a, &b}, a.type,
-                        [&](const std::vector<std::string>& n) { return c.g.op("Where", n); })};
+    return {
+        elementwise(c, {cond, &a, &b}, a.type, [&](const std::vector<std::string>& n) { return c.g.op("Where", n); })};
 }
 
 std::vector<ValuePtr> ops::clipByValue(Context& c) {
@@ -366,8 +370,8 @@ std::vector<ValuePtr> ops::topK(Context& c) {
     Value& k = c.in(1);
     if (!x.ranked) c.fail("the input's rank is unknown");
     const std::string kk = k.isConst() ? c.i64({c.ints(k, "k").at(0)}) : c.g.op("Reshape", {c.plain(k), c.i64({1})});
-    const std::vector<std::string> outs =
-        c.g.ops("TopK", {c.held(x), kk}, 2, {attrInt("axis", onnxAxis(x, -1)), attrInt("largest", 1), attrInt("sorted", 1)});
+    const std::vector<std::string> outs = c.g.ops(
+        "TopK", {c.held(x), kk}, 2, {attrInt("axis", onnxAxis(x, -1)), attrInt("largest", 1), attrInt("sorted", 1)});
     std::vector<int64_t> shape = x.shape;
     shape.back() = k.isConst() ? c.ints(k, "k").at(0) : -1;
     return {c.make(outs[0], x.type, shape, x.perm), c.make(outs[1], DType::Int, shape, x.perm)};

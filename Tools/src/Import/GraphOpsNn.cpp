@@ -79,7 +79,8 @@ Window window(Context& c, const Value& x, std::pair<int64_t, int64_t> kernel, st
 }
 
 std::vector<int64_t> filterShape(Context& c, const Value& filter) {
-    if (!filter.staticShape() || filter.rank() != 4) c.fail("the filter's shape must be known when the graph is imported");
+    if (!filter.staticShape() || filter.rank() != 4)
+        c.fail("the filter's shape must be known when the graph is imported");
     return filter.shape;
 }
 
@@ -93,7 +94,8 @@ std::string applyFused(Context& c, std::string y, const std::vector<std::string>
             if (rank != 2 && perm != kNCHW) c.fail("batch normalisation needs the channel axis second");
             std::vector<std::string> in{y};
             for (int k = 0; k < 4; ++k) in.push_back(c.plain(c.in(arg++)));
-            y = c.g.op("BatchNormalization", in, {attrFloat("epsilon", static_cast<float>(c.floatAttr("epsilon", 1e-3)))});
+            y = c.g.op("BatchNormalization", in,
+                       {attrFloat("epsilon", static_cast<float>(c.floatAttr("epsilon", 1e-3)))});
         } else if (op == "Prelu") {
             y = c.g.op("PRelu", {y, c.aligned(c.in(arg++), rank, perm)});
         } else if (op == "BiasAdd") {
@@ -112,7 +114,8 @@ ValuePtr convolve(Context& c, Value& x, bool depthwise, std::pair<int64_t, int64
     const std::vector<int64_t> fs = filterShape(c, filter);
     const int64_t kh = fs[0], kw = fs[1];
     const auto stride = hw(c, "strides", 1);
-    const Window win = window(c, x, {kh, kw}, stride, dilation, c.stringAttr("padding", "VALID"), c.intsAttr("explicit_paddings"));
+    const Window win =
+        window(c, x, {kh, kw}, stride, dilation, c.stringAttr("padding", "VALID"), c.intsAttr("explicit_paddings"));
 
     std::string weights;
     int64_t group = 1, outChannels = 0;
@@ -184,12 +187,14 @@ std::vector<ValuePtr> resize(Context& c, bool linear) {
     std::vector<onnx::AttributeProto> attrs;
     if (linear) {
         attrs.push_back(attrString("mode", "linear"));
-        attrs.push_back(attrString("coordinate_transformation_mode",
-                                   alignCorners ? "align_corners" : halfPixel ? "half_pixel" : "asymmetric"));
+        attrs.push_back(attrString("coordinate_transformation_mode", alignCorners ? "align_corners"
+                                                                     : halfPixel  ? "half_pixel"
+                                                                                  : "asymmetric"));
     } else {
         attrs.push_back(attrString("mode", "nearest"));
-        attrs.push_back(attrString("coordinate_transformation_mode",
-                                   alignCorners ? "align_corners" : halfPixel ? "half_pixel" : "asymmetric"));
+        attrs.push_back(attrString("coordinate_transformation_mode", alignCorners ? "align_corners"
+                                                                     : halfPixel  ? "half_pixel"
+                                                                                  : "asymmetric"));
         // TensorFlow takes floor((x + 0.5) * scale) for half-pixel centres: the half-pixel source
         // coordinate rounded half up.
         attrs.push_back(attrString("nearest_mode", alignCorners || halfPixel ? "round_prefer_ceil" : "floor"));
@@ -241,7 +246,8 @@ std::vector<ValuePtr> ops::conv2dBackpropInput(Context& c) {
     if (sizes.size() != 4) c.fail("the output size must have 4 entries");
     const std::vector<int64_t> fs = filterShape(c, filter);
     const auto stride = hw(c, "strides", 1);
-    if (dilations(c) != std::make_pair(int64_t{1}, int64_t{1})) c.fail("dilated transposed convolutions are not supported");
+    if (dilations(c) != std::make_pair(int64_t{1}, int64_t{1}))
+        c.fail("dilated transposed convolutions are not supported");
     const std::string padding = c.stringAttr("padding", "VALID");
     if (padding != "SAME" && padding != "VALID") c.fail("padding \"" + padding + "\" is not supported");
     const auto [inH, inW] = spatial(x);
@@ -254,9 +260,10 @@ std::vector<ValuePtr> ops::conv2dBackpropInput(Context& c) {
         return std::array<int64_t, 3>{before, std::max<int64_t>(rest, 0), std::max<int64_t>(-rest, 0)};
     };
     const auto ph = pads(sizes[1], inH, fs[0], stride.first), pw = pads(sizes[2], inW, fs[1], stride.second);
-    const std::string y = c.g.op("ConvTranspose", {c.inLayout(x, kNCHW), c.inLayout(filter, {3, 2, 0, 1})},
-                                 {attrInts("kernel_shape", {fs[0], fs[1]}), attrInts("strides", {stride.first, stride.second}),
-                                  attrInts("pads", {ph[0], pw[0], ph[1], pw[1]}), attrInts("output_padding", {ph[2], pw[2]})});
+    const std::string y =
+        c.g.op("ConvTranspose", {c.inLayout(x, kNCHW), c.inLayout(filter, {3, 2, 0, 1})},
+               {attrInts("kernel_shape", {fs[0], fs[1]}), attrInts("strides", {stride.first, stride.second}),
+                attrInts("pads", {ph[0], pw[0], ph[1], pw[1]}), attrInts("output_padding", {ph[2], pw[2]})});
     return {c.make(y, DType::Float, sizes, kNCHW)};
 }
 
@@ -266,7 +273,8 @@ std::vector<ValuePtr> ops::spaceToBatch(Context& c) {
 
 std::vector<ValuePtr> ops::batchToSpace(Context& c) {
     const Node* conv = c.node->conv;
-    if (!conv) c.fail("only supported where it closes a dilated convolution (SpaceToBatchND, convolution, BatchToSpaceND)");
+    if (!conv)
+        c.fail("only supported where it closes a dilated convolution (SpaceToBatchND, convolution, BatchToSpaceND)");
     const size_t n = c.inputCount();
     Value& paddings = c.in(n - 4);
     Value& crops = c.in(n - 3);
@@ -286,10 +294,11 @@ std::vector<ValuePtr> ops::batchToSpace(Context& c) {
         if (std::any_of(p.begin(), p.end(), [](int64_t v) { return v != 0; }))
             xn = c.g.op("Pad", {xn, c.i64({0, 0, p[0], p[2], 0, 0, p[1], p[3]})});
         for (int i = 0; i < 2; ++i)
-            if (padded[static_cast<size_t>(i + 1)] >= 0) padded[static_cast<size_t>(i + 1)] += p[static_cast<size_t>(2 * i)] + p[static_cast<size_t>(2 * i + 1)];
+            if (padded[static_cast<size_t>(i + 1)] >= 0)
+                padded[static_cast<size_t>(i + 1)] += p[static_cast<size_t>(2 * i)] + p[static_cast<size_t>(2 * i + 1)];
     } else {
-        const std::string flat = c.g.op("Concat", {c.i64({0}), c.g.op("Reshape", {c.plain(paddings), c.i64({-1})})},
-                                        {attrInt("axis", 0)});
+        const std::string flat =
+            c.g.op("Concat", {c.i64({0}), c.g.op("Reshape", {c.plain(paddings), c.i64({-1})})}, {attrInt("axis", 0)});
         xn = c.g.op("Pad", {xn, c.g.op("Gather", {flat, c.i64({0, 0, 1, 3, 0, 0, 2, 4})}, {attrInt("axis", 0)})});
         padded[1] = padded[2] = -1;
     }
@@ -310,16 +319,17 @@ std::vector<ValuePtr> ops::batchToSpace(Context& c) {
     if (crops.isConst()) {
         const std::vector<int64_t> k = c.ints(crops, "the crops");
         if (std::any_of(k.begin(), k.end(), [](int64_t v) { return v != 0; }))
-            out = c.g.op("Slice", {out, c.i64({k[0], k[2]}), c.i64({k[1] ? -k[1] : kMaxIndex, k[3] ? -k[3] : kMaxIndex}),
-                                   c.i64({2, 3})});
+            out = c.g.op("Slice", {out, c.i64({k[0], k[2]}),
+                                   c.i64({k[1] ? -k[1] : kMaxIndex, k[3] ? -k[3] : kMaxIndex}), c.i64({2, 3})});
         for (int i = 0; i < 2; ++i)
-            if (shape[static_cast<size_t>(i + 1)] >= 0) shape[static_cast<size_t>(i + 1)] -= k[static_cast<size_t>(2 * i)] + k[static_cast<size_t>(2 * i + 1)];
+            if (shape[static_cast<size_t>(i + 1)] >= 0)
+                shape[static_cast<size_t>(i + 1)] -= k[static_cast<size_t>(2 * i)] + k[static_cast<size_t>(2 * i + 1)];
     } else {
         const std::string flat = c.g.op("Reshape", {c.plain(crops), c.i64({-1})});
         const std::string starts = c.g.op("Gather", {flat, c.i64({0, 2})}, {attrInt("axis", 0)});
         const std::string trail = c.g.op("Gather", {flat, c.i64({1, 3})}, {attrInt("axis", 0)});
-        const std::string ends = c.g.op("Where", {c.g.op("Equal", {trail, c.i64Scalar(0)}), c.i64Scalar(kMaxIndex),
-                                                  c.g.op("Neg", {trail})});
+        const std::string ends =
+            c.g.op("Where", {c.g.op("Equal", {trail, c.i64Scalar(0)}), c.i64Scalar(kMaxIndex), c.g.op("Neg", {trail})});
         out = c.g.op("Slice", {out, starts, ends, c.i64({2, 3})});
         shape[1] = shape[2] = -1;
     }
@@ -337,8 +347,10 @@ std::vector<ValuePtr> ops::depthToSpace(Context& c) {
     Value& x = c.in(0);
     const int64_t b = c.intAttr("block_size", 2);
     std::vector<int64_t> s = shape4(x);
-    const std::string y = c.g.op("DepthToSpace", {c.inLayout(x, kNCHW)}, {attrInt("blocksize", b), attrString("mode", "DCR")});
-    return {c.make(y, x.type, {s[0], s[1] < 0 ? -1 : s[1] * b, s[2] < 0 ? -1 : s[2] * b, s[3] < 0 ? -1 : s[3] / (b * b)}, kNCHW)};
+    const std::string y =
+        c.g.op("DepthToSpace", {c.inLayout(x, kNCHW)}, {attrInt("blocksize", b), attrString("mode", "DCR")});
+    return {c.make(y, x.type,
+                   {s[0], s[1] < 0 ? -1 : s[1] * b, s[2] < 0 ? -1 : s[2] * b, s[3] < 0 ? -1 : s[3] / (b * b)}, kNCHW)};
 }
 
 std::vector<ValuePtr> ops::spaceToDepth(Context& c) {
@@ -347,7 +359,8 @@ std::vector<ValuePtr> ops::spaceToDepth(Context& c) {
     const int64_t b = c.intAttr("block_size", 2);
     std::vector<int64_t> s = shape4(x);
     const std::string y = c.g.op("SpaceToDepth", {c.inLayout(x, kNCHW)}, {attrInt("blocksize", b)});
-    return {c.make(y, x.type, {s[0], s[1] < 0 ? -1 : s[1] / b, s[2] < 0 ? -1 : s[2] / b, s[3] < 0 ? -1 : s[3] * b * b}, kNCHW)};
+    return {c.make(y, x.type, {s[0], s[1] < 0 ? -1 : s[1] / b, s[2] < 0 ? -1 : s[2] / b, s[3] < 0 ? -1 : s[3] * b * b},
+                   kNCHW)};
 }
 
 std::vector<ValuePtr> ops::matMul(Context& c) {

@@ -42,7 +42,8 @@ std::vector<int64_t> iota(int64_t n, int64_t from = 0) {
 }
 
 int normalizedAxis(Context& c, int64_t axis, int rank) {
-    if (axis < -rank || axis >= rank) c.fail("axis " + std::to_string(axis) + " is out of range for rank " + std::to_string(rank));
+    if (axis < -rank || axis >= rank)
+        c.fail("axis " + std::to_string(axis) + " is out of range for rank " + std::to_string(rank));
     return static_cast<int>(axis < 0 ? axis + rank : axis);
 }
 
@@ -82,7 +83,8 @@ struct AxisSlice {
             const int64_t from = beginMask ? 0 : clampTo(begin, 0, n), to = endMask ? n : clampTo(end, 0, n);
             for (int64_t i = from; i < to; i += stride) out.push_back(i);
         } else {
-            const int64_t from = beginMask ? n - 1 : clampTo(begin, -1, n - 1), to = endMask ? -1 : clampTo(end, -1, n - 1);
+            const int64_t from = beginMask ? n - 1 : clampTo(begin, -1, n - 1),
+                          to = endMask ? -1 : clampTo(end, -1, n - 1);
             for (int64_t i = from; i > to; i += stride) out.push_back(i);
         }
         return out;
@@ -183,10 +185,12 @@ std::vector<ValuePtr> ops::noOp(Context&) { return {}; }
 std::vector<ValuePtr> ops::switchOp(Context& c) {
     Value& pred = c.in(1);
     if (!pred.isConst())
-        c.fail("the condition of this conditional is known only at run time; fix the inputs it depends on "
-               "(ImportOptions::inputConstants) so that it can be resolved when the graph is imported");
+        c.fail(
+            "the condition of this conditional is known only at run time; fix the inputs it depends on "
+            "(ImportOptions::inputConstants) so that it can be resolved when the graph is imported");
     const bool taken = c.constant(pred, "the condition").v.at(0) != 0;
-    return taken ? std::vector<ValuePtr>{c.deadValue(), c.inputs[0]} : std::vector<ValuePtr>{c.inputs[0], c.deadValue()};
+    return taken ? std::vector<ValuePtr>{c.deadValue(), c.inputs[0]}
+                 : std::vector<ValuePtr>{c.inputs[0], c.deadValue()};
 }
 
 std::vector<ValuePtr> ops::merge(Context& c) {
@@ -236,8 +240,9 @@ std::vector<ValuePtr> ops::reshape(Context& c) {
         const bool inOrder = p.empty() || sameDataOrder(x.shape, p, identityPerm(x.rank()));
         const std::string in = inOrder ? c.held(x) : c.plain(x);
         const bool zero = std::find(dims.begin(), dims.end(), 0) != dims.end();
-        return {c.make(c.g.op("Reshape", {in, c.i64(c.ints(target, "the shape"))}, {attrInt("allowzero", zero ? 1 : 0)}),
-                       x.type, dims)};
+        return {
+            c.make(c.g.op("Reshape", {in, c.i64(c.ints(target, "the shape"))}, {attrInt("allowzero", zero ? 1 : 0)}),
+                   x.type, dims)};
     }
     const std::string out = c.g.op("Reshape", {c.plain(x), c.plain(target)});
     if (target.ranked && target.rank() == 1 && target.shape[0] >= 0)
@@ -256,7 +261,8 @@ std::vector<ValuePtr> ops::squeeze(Context& c) {
     std::vector<int> axes;
     if (dims.empty()) {
         for (int i = 0; i < x.rank(); ++i) {
-            if (x.shape[static_cast<size_t>(i)] < 0) c.fail("squeezes every axis of extent 1, and some extents are unknown");
+            if (x.shape[static_cast<size_t>(i)] < 0)
+                c.fail("squeezes every axis of extent 1, and some extents are unknown");
             if (x.shape[static_cast<size_t>(i)] == 1) axes.push_back(i);
         }
     } else {
@@ -312,7 +318,8 @@ std::vector<ValuePtr> ops::transpose(Context& c) {
     for (int axis : held) result.push_back(inv[static_cast<size_t>(axis)]);
     std::vector<int64_t> shape(static_cast<size_t>(rank), -1);
     if (x.ranked)
-        for (int i = 0; i < rank; ++i) shape[static_cast<size_t>(i)] = x.shape[static_cast<size_t>(p[static_cast<size_t>(i)])];
+        for (int i = 0; i < rank; ++i)
+            shape[static_cast<size_t>(i)] = x.shape[static_cast<size_t>(p[static_cast<size_t>(i)])];
     return {c.make(c.held(x), x.type, shape, result)};
 }
 
@@ -351,7 +358,8 @@ std::vector<ValuePtr> ops::concat(Context& c) {
         const int64_t d = v->shape[static_cast<size_t>(axis)];
         total = (total < 0 || d < 0) ? -1 : total + d;
         for (int i = 0; i < rank; ++i)
-            if (i != axis && v->shape[static_cast<size_t>(i)] >= 0) shape[static_cast<size_t>(i)] = v->shape[static_cast<size_t>(i)];
+            if (i != axis && v->shape[static_cast<size_t>(i)] >= 0)
+                shape[static_cast<size_t>(i)] = v->shape[static_cast<size_t>(i)];
     }
     shape[static_cast<size_t>(axis)] = total;
     Value layout;
@@ -398,7 +406,8 @@ std::vector<ValuePtr> ops::unpack(Context& c) {
         const Host h = c.constant(x, "the input");
         for (int64_t k = 0; k < num; ++k) {
             std::vector<std::vector<int64_t>> index;
-            for (int i = 0; i < x.rank(); ++i) index.push_back(i == axis ? std::vector<int64_t>{k} : iota(h.shape[static_cast<size_t>(i)]));
+            for (int i = 0; i < x.rank(); ++i)
+                index.push_back(i == axis ? std::vector<int64_t>{k} : iota(h.shape[static_cast<size_t>(i)]));
             Host part = take(h, index);
             part.shape = shape;
             out.push_back(c.constantValue(std::move(part)));
@@ -424,8 +433,8 @@ std::vector<ValuePtr> splitInto(Context& c, Value& x, int64_t rawAxis, std::vect
         if (extent < 0) c.fail("a split size of -1 on an axis of unknown extent");
         *free = extent - (std::accumulate(sizes.begin(), sizes.end(), int64_t{0}) + 1);
     }
-    const std::vector<std::string> parts =
-        c.g.ops("Split", {c.held(x), c.i64(sizes)}, static_cast<int>(sizes.size()), {attrInt("axis", onnxAxis(x, axis))});
+    const std::vector<std::string> parts = c.g.ops("Split", {c.held(x), c.i64(sizes)}, static_cast<int>(sizes.size()),
+                                                   {attrInt("axis", onnxAxis(x, axis))});
     std::vector<ValuePtr> out;
     for (size_t i = 0; i < parts.size(); ++i) {
         std::vector<int64_t> shape = x.shape;
@@ -470,7 +479,9 @@ std::vector<ValuePtr> ops::slice(Context& c) {
         std::vector<std::vector<int64_t>> index;
         for (int i = 0; i < rank; ++i) {
             const int64_t d = x.shape[static_cast<size_t>(i)];
-            shape[static_cast<size_t>(i)] = s[static_cast<size_t>(i)] >= 0 ? s[static_cast<size_t>(i)] : d < 0 ? -1 : d - b[static_cast<size_t>(i)];
+            shape[static_cast<size_t>(i)] = s[static_cast<size_t>(i)] >= 0 ? s[static_cast<size_t>(i)]
+                                            : d < 0                        ? -1
+                                                                           : d - b[static_cast<size_t>(i)];
             index.push_back(iota(shape[static_cast<size_t>(i)], b[static_cast<size_t>(i)]));
         }
         if (foldable(x)) return {c.constantValue(take(c.constant(x, "the input"), index))};
@@ -489,7 +500,8 @@ std::vector<ValuePtr> ops::slice(Context& c) {
     std::vector<int64_t> axes;
     for (int i = 0; i < rank; ++i) axes.push_back(onnxAxis(x, i));
     const std::string b = c.plain(begin), s = c.plain(size);
-    const std::string ends = c.g.op("Where", {c.g.op("Equal", {s, c.i64Scalar(-1)}), c.i64Scalar(kMaxIndex), c.g.op("Add", {b, s})});
+    const std::string ends =
+        c.g.op("Where", {c.g.op("Equal", {s, c.i64Scalar(-1)}), c.i64Scalar(kMaxIndex), c.g.op("Add", {b, s})});
     return {c.make(c.g.op("Slice", {c.held(x), b, ends, c.i64(axes)}), x.type, shape, x.perm)};
 }
 
@@ -508,7 +520,8 @@ std::vector<ValuePtr> ops::stridedSlice(Context& c) {
         for (int i = 0; i < x.rank(); ++i) {
             index.push_back(spec.axes[static_cast<size_t>(i)].indices(h.shape[static_cast<size_t>(i)]));
             for (int64_t k : index.back())
-                if (k < 0 || k >= h.shape[static_cast<size_t>(i)]) c.fail("index " + std::to_string(k) + " is out of range");
+                if (k < 0 || k >= h.shape[static_cast<size_t>(i)])
+                    c.fail("index " + std::to_string(k) + " is out of range");
         }
         Host out = take(h, index);
         out.shape = shape;
@@ -573,7 +586,8 @@ std::vector<ValuePtr> ops::pad(Context& c) {
             onnx[static_cast<size_t>(rank + j)] = tf[static_cast<size_t>(2 * p[static_cast<size_t>(j)] + 1)];
         }
         for (int i = 0; i < rank; ++i)
-            if (shape[static_cast<size_t>(i)] >= 0) shape[static_cast<size_t>(i)] += tf[static_cast<size_t>(2 * i)] + tf[static_cast<size_t>(2 * i + 1)];
+            if (shape[static_cast<size_t>(i)] >= 0)
+                shape[static_cast<size_t>(i)] += tf[static_cast<size_t>(2 * i)] + tf[static_cast<size_t>(2 * i + 1)];
         pads = c.i64(onnx);
     } else {
         std::vector<int64_t> order(static_cast<size_t>(2 * rank));
@@ -603,10 +617,12 @@ std::vector<ValuePtr> ops::tile(Context& c) {
         std::vector<int64_t> onnx;
         for (int axis : p) onnx.push_back(m.at(static_cast<size_t>(axis)));
         for (int i = 0; i < rank; ++i)
-            if (x.shape[static_cast<size_t>(i)] >= 0) shape[static_cast<size_t>(i)] = x.shape[static_cast<size_t>(i)] * m[static_cast<size_t>(i)];
+            if (x.shape[static_cast<size_t>(i)] >= 0)
+                shape[static_cast<size_t>(i)] = x.shape[static_cast<size_t>(i)] * m[static_cast<size_t>(i)];
         reps = c.i64(onnx);
     } else {
-        reps = c.g.op("Gather", {c.plain(multiples), c.i64(std::vector<int64_t>(p.begin(), p.end()))}, {attrInt("axis", 0)});
+        reps = c.g.op("Gather", {c.plain(multiples), c.i64(std::vector<int64_t>(p.begin(), p.end()))},
+                      {attrInt("axis", 0)});
     }
     return {c.make(c.g.op("Tile", {c.held(x), reps}), x.type, shape, x.perm)};
 }
@@ -633,7 +649,8 @@ namespace {
 std::vector<ValuePtr> filledLike(Context& c, double fillValue) {
     Value& x = c.in(0);
     if (x.staticShape() && product(x.shape) <= (1 << 16))
-        return {c.constantValue(Host{x.type, x.shape, std::vector<double>(static_cast<size_t>(product(x.shape)), fillValue)})};
+        return {c.constantValue(
+            Host{x.type, x.shape, std::vector<double>(static_cast<size_t>(product(x.shape)), fillValue)})};
     if (x.type == DType::Bool) c.fail("boolean tensors of run-time shape are not supported");
     const std::string out = c.g.op("ConstantOfShape", {c.g.op("Shape", {c.held(x)})},
                                    {attrScalarTensor("value", mlType(x.type), fillValue)});
@@ -678,7 +695,8 @@ std::vector<ValuePtr> ops::range(Context& c) {
     Value& limit = c.in(1);
     Value& delta = c.in(2);
     if (foldable(start) && foldable(limit) && foldable(delta)) {
-        const double s = c.constant(start, "").v.at(0), l = c.constant(limit, "").v.at(0), d = c.constant(delta, "").v.at(0);
+        const double s = c.constant(start, "").v.at(0), l = c.constant(limit, "").v.at(0),
+                     d = c.constant(delta, "").v.at(0);
         if (d == 0) c.fail("a delta of 0");
         Host h{start.type, {0}, {}};
         for (double x = s; d > 0 ? x < l : x > l; x += d) h.v.push_back(x);
@@ -707,7 +725,8 @@ std::vector<ValuePtr> ops::gather(Context& c) {
             if (k < 0) k += n;
         }
         std::vector<std::vector<int64_t>> index;
-        for (int i = 0; i < params.rank(); ++i) index.push_back(i == axis ? picks : iota(h.shape[static_cast<size_t>(i)]));
+        for (int i = 0; i < params.rank(); ++i)
+            index.push_back(i == axis ? picks : iota(h.shape[static_cast<size_t>(i)]));
         Host out = take(h, index);
         out.shape = shape;
         return {c.constantValue(std::move(out))};
