@@ -105,9 +105,15 @@ GraphBuilder::GraphBuilder(const std::string& graphName) {
     model_.mutable_graph()->set_name(graphName);
 }
 
-std::string GraphBuilder::fresh(const std::string& hint) { return hint + "_" + std::to_string(counter_++); }
+std::string GraphBuilder::fresh(const std::string& hint) {
+    std::string name;
+    do name = hint + "_" + std::to_string(counter_++);
+    while (reserved_.count(name));
+    return name;
+}
 
 std::string GraphBuilder::input(const std::string& name, ML::u32 dataType, const Dims& dims) {
+    reserved_.insert(name);
     onnx::ValueInfoProto* info = model_.mutable_graph()->add_input();
     info->set_name(name);
     setTensorType(info, dataType, dims);

@@ -2,6 +2,7 @@
 // Small helpers to build ONNX graphs of the package's helper networks: typed graph inputs and
 // outputs with fixed or symbolic extents, nodes with one output, constants, and a checked model.
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,10 @@ public:
     // Makes value a graph output called name (through an Identity when the names differ).
     void output(const std::string& value, const std::string& name, ML::u32 dataType, const Dims& dims);
 
+    // Keeps a name out of those the builder makes up: a graph output to be given that name later.
+    // Graph input names are kept out too.
+    void reserve(const std::string& name) { reserved_.insert(name); }
+
     // A node with one output; returns the output's name.
     std::string op(const std::string& type, const std::vector<std::string>& inputs,
                    const std::vector<onnx::AttributeProto>& attrs = {});
@@ -85,6 +90,7 @@ private:
 
     onnx::ModelProto model_;
     int counter_ = 0;
+    std::set<std::string> reserved_;
 };
 
 }  // namespace qpkg

@@ -221,112 +221,25 @@ struct ConvCase {
 
 TEST(GraphImport, ConvolutionsMatchTensorFlowsArithmetic) {
     const std::vector<ConvCase> cases = {
-        {"SAME, stride 2, odd extents",
-         "Conv2D",
-         {1, 7, 5, 3},
-         {4, 2, 3, 2},
-         {1, 4, 3, 2},
-         {2, 2},
-         {1, 1},
-         "SAME",
-         1,
-         0,
-         {}},
-        {"SAME, stride 2, extents known at run time",
-         "Conv2D",
-         {1, 7, 5, 3},
-         {4, 2, 3, 2},
-         {1, 4, 3, 2},
-         {2, 2},
-         {1, 1},
-         "SAME",
-         1,
-         0,
-         {},
-         true},
+        {"SAME, stride 2, odd extents", "Conv2D", {1, 7, 5, 3}, {4, 2, 3, 2}, {1, 4, 3, 2}, {2, 2}, {1, 1}, "SAME", 1,
+         0, {}},
+        {"SAME, stride 2, extents known at run time", "Conv2D", {1, 7, 5, 3}, {4, 2, 3, 2}, {1, 4, 3, 2}, {2, 2},
+         {1, 1}, "SAME", 1, 0, {}, true},
         {"VALID, dilated", "Conv2D", {1, 7, 6, 2}, {3, 3, 2, 3}, {1, 3, 2, 3}, {1, 1}, {2, 2}, "VALID", 0, 0, {}},
-        {"EXPLICIT",
-         "Conv2D",
-         {1, 4, 4, 2},
-         {3, 3, 2, 2},
-         {1, 5, 4, 2},
-         {1, 1},
-         {1, 1},
-         "EXPLICIT",
-         1,
-         2,
-         {},
-         false,
-         false,
-         {0, 0, 1, 2, 2, 0, 0, 0}},
-        {"fused bias and Relu6, halves",
-         "_FusedConv2D",
-         {1, 5, 5, 3},
-         {3, 3, 3, 4},
-         {1, 5, 5, 4},
-         {1, 1},
-         {1, 1},
-         "SAME",
-         1,
-         1,
-         {"BiasAdd", "Relu6"},
-         false,
-         true},
-        {"fused bias and Prelu",
-         "_FusedConv2D",
-         {1, 4, 4, 2},
-         {1, 1, 2, 3},
-         {1, 4, 4, 3},
-         {1, 1},
-         {1, 1},
-         "VALID",
-         0,
-         0,
-         {"BiasAdd", "Prelu"}},
-        {"fused bias and LeakyRelu",
-         "_FusedConv2D",
-         {1, 4, 4, 2},
-         {1, 1, 2, 3},
-         {1, 4, 4, 3},
-         {1, 1},
-         {1, 1},
-         "VALID",
-         0,
-         0,
-         {"BiasAdd", "LeakyRelu"}},
-        {"fused batch norm and Relu",
-         "_FusedConv2D",
-         {1, 4, 3, 2},
-         {2, 2, 2, 3},
-         {1, 4, 3, 3},
-         {1, 1},
-         {1, 1},
-         "SAME",
-         0,
-         0,
-         {"FusedBatchNorm", "Relu"}},
-        {"depthwise, multiplier 2, SAME, stride 2, odd",
-         "DepthwiseConv2dNative",
-         {1, 7, 5, 3},
-         {3, 3, 3, 2},
-         {1, 4, 3, 6},
-         {2, 2},
-         {1, 1},
-         "SAME",
-         1,
-         1,
-         {}},
-        {"fused depthwise with bias and Relu",
-         "FusedDepthwiseConv2dNative",
-         {1, 5, 4, 2},
-         {3, 3, 2, 1},
-         {1, 3, 2, 2},
-         {1, 1},
-         {1, 1},
-         "VALID",
-         0,
-         0,
-         {"BiasAdd", "Relu"}},
+        {"EXPLICIT", "Conv2D", {1, 4, 4, 2}, {3, 3, 2, 2}, {1, 5, 4, 2}, {1, 1}, {1, 1}, "EXPLICIT", 1, 2, {}, false,
+         false, {0, 0, 1, 2, 2, 0, 0, 0}},
+        {"fused bias and Relu6, halves", "_FusedConv2D", {1, 5, 5, 3}, {3, 3, 3, 4}, {1, 5, 5, 4}, {1, 1}, {1, 1},
+         "SAME", 1, 1, {"BiasAdd", "Relu6"}, false, true},
+        {"fused bias and Prelu", "_FusedConv2D", {1, 4, 4, 2}, {1, 1, 2, 3}, {1, 4, 4, 3}, {1, 1}, {1, 1}, "VALID", 0,
+         0, {"BiasAdd", "Prelu"}},
+        {"fused bias and LeakyRelu", "_FusedConv2D", {1, 4, 4, 2}, {1, 1, 2, 3}, {1, 4, 4, 3}, {1, 1}, {1, 1}, "VALID",
+         0, 0, {"BiasAdd", "LeakyRelu"}},
+        {"fused batch norm and Relu", "_FusedConv2D", {1, 4, 3, 2}, {2, 2, 2, 3}, {1, 4, 3, 3}, {1, 1}, {1, 1}, "SAME",
+         0, 0, {"FusedBatchNorm", "Relu"}},
+        {"depthwise, multiplier 2, SAME, stride 2, odd", "DepthwiseConv2dNative", {1, 7, 5, 3}, {3, 3, 3, 2},
+         {1, 4, 3, 6}, {2, 2}, {1, 1}, "SAME", 1, 1, {}},
+        {"fused depthwise with bias and Relu", "FusedDepthwiseConv2dNative", {1, 5, 4, 2}, {3, 3, 2, 1}, {1, 3, 2, 2},
+         {1, 1}, {1, 1}, "VALID", 0, 0, {"BiasAdd", "Relu"}},
     };
     for (const ConvCase& k : cases) {
         Graph g;
@@ -480,26 +393,14 @@ TEST(GraphImport, PoolingAndResizingFollowTensorFlowsCoordinates) {
         {"max pool", "MaxPool", pool, {1, 3, 4, 2}, pooled(true, {1, 3, 4, 2})},
         {"average pool", "AvgPool", pool, {1, 3, 4, 2}, pooled(false, {1, 3, 4, 2})},
         {"bilinear, asymmetric", "ResizeBilinear", json::object(), {1, 8, 4, 2}, bilinear("asym", {1, 8, 4, 2})},
-        {"bilinear, half pixel",
-         "ResizeBilinear",
-         {{"half_pixel_centers", B(true)}},
-         {1, 8, 4, 2},
+        {"bilinear, half pixel", "ResizeBilinear", {{"half_pixel_centers", B(true)}}, {1, 8, 4, 2},
          bilinear("half", {1, 8, 4, 2})},
-        {"bilinear, aligned corners",
-         "ResizeBilinear",
-         {{"align_corners", B(true)}},
-         {1, 8, 4, 2},
+        {"bilinear, aligned corners", "ResizeBilinear", {{"align_corners", B(true)}}, {1, 8, 4, 2},
          bilinear("align", {1, 8, 4, 2})},
         {"nearest, asymmetric", "ResizeNearestNeighbor", json::object(), {1, 8, 4, 2}, nearest("asym", {1, 8, 4, 2})},
-        {"nearest, half pixel",
-         "ResizeNearestNeighbor",
-         {{"half_pixel_centers", B(true)}},
-         {1, 8, 4, 2},
+        {"nearest, half pixel", "ResizeNearestNeighbor", {{"half_pixel_centers", B(true)}}, {1, 8, 4, 2},
          nearest("half", {1, 8, 4, 2})},
-        {"nearest, aligned corners",
-         "ResizeNearestNeighbor",
-         {{"align_corners", B(true)}},
-         {1, 8, 4, 2},
+        {"nearest, aligned corners", "ResizeNearestNeighbor", {{"align_corners", B(true)}}, {1, 8, 4, 2},
          nearest("align", {1, 8, 4, 2})},
     };
     for (const Case& k : cases) {
@@ -628,149 +529,115 @@ TEST(GraphImport, ShapeOpsMoveTheRightElements) {
     // from its indices by hand.
     const Tensor x = makeTensor(ML::F32, {1, 2, 3, 4}, iota(24));
     auto ix = [](int64_t h, int64_t w, int64_t c) { return static_cast<float>((h * 3 + w) * 4 + c); };
-    auto strided = [](Graph& g, std::vector<int32_t> b, std::vector<int32_t> e, std::vector<int32_t> s, json masks) {
-        const int32_t n = static_cast<int32_t>(b.size());
-        return g.node("y", "StridedSlice", {"x", g.ints("b", {n}, b), g.ints("e", {n}, e), g.ints("s", {n}, s)}, masks);
+    // The elements of a result of that (N,H,W,C) shape, each from its indices.
+    auto of = [&](std::vector<int64_t> shape, std::function<float(int64_t, int64_t, int64_t)> f) {
+        return generate(shape, [&](int64_t, int64_t h, int64_t w, int64_t c) { return f(h, w, c); });
     };
+    using Names = std::vector<std::string>;
+    using Build = std::function<void(Graph&)>;  // makes node "y" from input "x"
+    auto strided = [](std::vector<int32_t> b, std::vector<int32_t> e, std::vector<int32_t> s, json masks) -> Build {
+        return [=](Graph& g) {
+            const int64_t n = static_cast<int64_t>(b.size());
+            g.node("y", "StridedSlice", {"x", g.ints("b", {n}, b), g.ints("e", {n}, e), g.ints("s", {n}, s)}, masks);
+        };
+    };
+    auto op = [](const std::string& type, std::function<Names(Graph&)> inputs,
+                 json attr = json::object()) -> Build { return [=](Graph& g) { g.node("y", type, inputs(g), attr); }; };
+    auto secondOf = [](const std::string& type, std::function<Names(Graph&)> inputs) -> Build {
+        return [=](Graph& g) {
+            g.node("parts", type, inputs(g), {{"num_split", I(2)}});
+            g.node("y", "Identity", {"parts:1"});
+        };
+    };
+    std::vector<float> channelsFirst;
+    for (int c = 0; c < 4; ++c)
+        for (int h = 0; h < 2; ++h)
+            for (int w = 0; w < 3; ++w) channelsFirst.push_back(ix(h, w, c));
     struct Case {
         std::string what;
-        std::function<void(Graph&)> build;  // makes node "y" from input "x"
+        Build build;
         std::vector<int64_t> shape;
         std::vector<float> want;
     };
     const std::vector<Case> cases = {
         {"StridedSlice x[:, :, 1:3, ::2]",
-         [&](Graph& g) {
-             strided(g, {0, 0, 1, 0}, {0, 0, 3, 0}, {1, 1, 1, 2}, {{"begin_mask", I(11)}, {"end_mask", I(11)}});
-         },
-         {1, 2, 2, 2},
-         {4, 6, 8, 10, 16, 18, 20, 22}},
+         strided({0, 0, 1, 0}, {0, 0, 3, 0}, {1, 1, 1, 2}, {{"begin_mask", I(11)}, {"end_mask", I(11)}}),
+         {1, 2, 2, 2}, {4, 6, 8, 10, 16, 18, 20, 22}},
         {"StridedSlice x[..., 1] (ellipsis, shrink)",
-         [&](Graph& g) {
-             strided(g, {0, 1}, {0, 2}, {1, 1}, {{"ellipsis_mask", I(1)}, {"shrink_axis_mask", I(2)}});
-         },
-         {1, 2, 3},
+         strided({0, 1}, {0, 2}, {1, 1}, {{"ellipsis_mask", I(1)}, {"shrink_axis_mask", I(2)}}), {1, 2, 3},
          {1, 5, 9, 13, 17, 21}},
         {"StridedSlice x[:, ::-1, 0:2, -1] (reverse, shrink the last)",
-         [&](Graph& g) {
-             strided(g, {0, 0, 0, -1}, {0, 0, 2, 0}, {1, -1, 1, 1},
-                     {{"begin_mask", I(3)}, {"end_mask", I(3)}, {"shrink_axis_mask", I(8)}});
-         },
-         {1, 2, 2},
-         {15, 19, 3, 7}},
+         strided({0, 0, 0, -1}, {0, 0, 2, 0}, {1, -1, 1, 1},
+                 {{"begin_mask", I(3)}, {"end_mask", I(3)}, {"shrink_axis_mask", I(8)}}),
+         {1, 2, 2}, {15, 19, 3, 7}},
         {"StridedSlice x[0, tf.newaxis, 1]",
-         [&](Graph& g) {
-             strided(g, {0, 0, 1}, {1, 0, 2}, {1, 1, 1}, {{"new_axis_mask", I(2)}, {"shrink_axis_mask", I(5)}});
-         },
-         {1, 3, 4},
+         strided({0, 0, 1}, {1, 0, 2}, {1, 1, 1}, {{"new_axis_mask", I(2)}, {"shrink_axis_mask", I(5)}}), {1, 3, 4},
          iota(12, 12)},
         {"Slice with size -1",
-         [&](Graph& g) {
-             g.node("y", "Slice", {"x", g.vec("b", {0, 1, 0, 1}), g.vec("s", {-1, 1, 2, -1})});
-         },
-         {1, 1, 2, 3},
-         {13, 14, 15, 17, 18, 19}},
+         op("Slice", [](Graph& g) { return Names{"x", g.vec("b", {0, 1, 0, 1}), g.vec("s", {-1, 1, 2, -1})}; }),
+         {1, 1, 2, 3}, {13, 14, 15, 17, 18, 19}},
         {"Transpose to N,C,H,W",
-         [&](Graph& g) {
-             g.node("y", "Transpose", {"x", g.vec("p", {0, 3, 1, 2})});
-         },
-         {1, 4, 2, 3},
-         [&] {
-             std::vector<float> v;
-             for (int c = 0; c < 4; ++c)
-                 for (int h = 0; h < 2; ++h)
-                     for (int w = 0; w < 3; ++w) v.push_back(ix(h, w, c));
-             return v;
-         }()},
-        {"Reshape",
-         [&](Graph& g) {
-             g.node("y", "Reshape", {"x", g.vec("s", {6, -1})});
-         },
-         {6, 4},
+         op("Transpose", [](Graph& g) { return Names{"x", g.vec("p", {0, 3, 1, 2})}; }), {1, 4, 2, 3},
+         channelsFirst},
+        {"Reshape", op("Reshape", [](Graph& g) { return Names{"x", g.vec("s", {6, -1})}; }), {6, 4},
          iota(24)},
         {"ConcatV2 on the channels",
-         [&](Graph& g) {
-             g.node("y", "ConcatV2", {"x", g.node("n", "Neg", {"x"}), g.scalar("a", -1)});
-         },
+         op("ConcatV2", [](Graph& g) { return Names{"x", g.node("n", "Neg", {"x"}), g.scalar("a", -1)}; }),
          {1, 2, 3, 8},
-         generate({1, 2, 3, 8},
-                  [&](int64_t, int64_t h, int64_t w, int64_t c) { return c < 4 ? ix(h, w, c) : -ix(h, w, c - 4); })},
+         of({1, 2, 3, 8}, [&](int64_t h, int64_t w, int64_t c) { return c < 4 ? ix(h, w, c) : -ix(h, w, c - 4); })},
         {"Unpack the channels, Pack two",
-         [&](Graph& g) {
+         [](Graph& g) {
              g.node("u", "Unpack", {"x"}, {{"axis", I(3)}, {"num", I(4)}});
              g.node("y", "Pack", {"u:3", "u"}, {{"axis", I(0)}});
          },
-         {2, 1, 2, 3},
-         {3, 7, 11, 15, 19, 23, 0, 4, 8, 12, 16, 20}},
+         {2, 1, 2, 3}, {3, 7, 11, 15, 19, 23, 0, 4, 8, 12, 16, 20}},
         {"SplitV [1, -1] on W, second part",
-         [&](Graph& g) {
-             g.node("sp", "SplitV", {"x", g.vec("sz", {1, -1}), g.scalar("a", 2)}, {{"num_split", I(2)}});
-             g.node("y", "Identity", {"sp:1"});
-         },
-         {1, 2, 2, 4},
-         generate({1, 2, 2, 4}, [&](int64_t, int64_t h, int64_t w, int64_t c) { return ix(h, w + 1, c); })},
+         secondOf("SplitV", [](Graph& g) { return Names{"x", g.vec("sz", {1, -1}), g.scalar("a", 2)}; }),
+         {1, 2, 2, 4}, of({1, 2, 2, 4}, [&](int64_t h, int64_t w, int64_t c) { return ix(h, w + 1, c); })},
         {"Split in two on C, second part",
-         [&](Graph& g) {
-             g.node("sp", "Split", {g.scalar("a", 3), "x"}, {{"num_split", I(2)}});
-             g.node("y", "Identity", {"sp:1"});
-         },
-         {1, 2, 3, 2},
-         generate({1, 2, 3, 2}, [&](int64_t, int64_t h, int64_t w, int64_t c) { return ix(h, w, c + 2); })},
+         secondOf("Split", [](Graph& g) { return Names{g.scalar("a", 3), "x"}; }), {1, 2, 3, 2},
+         of({1, 2, 3, 2}, [&](int64_t h, int64_t w, int64_t c) { return ix(h, w, c + 2); })},
         {"Pad H before, W after",
-         [&](Graph& g) {
-             g.node("y", "Pad", {"x", g.ints("p", {4, 2}, {0, 0, 1, 0, 0, 1, 0, 0})});
-         },
+         op("Pad", [](Graph& g) { return Names{"x", g.ints("p", {4, 2}, {0, 0, 1, 0, 0, 1, 0, 0})}; }),
          {1, 3, 4, 4},
-         generate({1, 3, 4, 4},
-                  [&](int64_t, int64_t h, int64_t w, int64_t c) { return h == 0 || w == 3 ? 0.0f : ix(h - 1, w, c); })},
+         of({1, 3, 4, 4}, [&](int64_t h, int64_t w, int64_t c) { return h == 0 || w == 3 ? 0 : ix(h - 1, w, c); })},
         {"MirrorPad W by 1, reflecting",
-         [&](Graph& g) {
-             g.node("y", "MirrorPad", {"x", g.ints("p", {4, 2}, {0, 0, 0, 0, 1, 1, 0, 0})}, {{"mode", S("REFLECT")}});
-         },
+         op("MirrorPad", [](Graph& g) { return Names{"x", g.ints("p", {4, 2}, {0, 0, 0, 0, 1, 1, 0, 0})}; },
+            {{"mode", S("REFLECT")}}),
          {1, 2, 5, 4},
-         generate({1, 2, 5, 4},
-                  [&](int64_t, int64_t h, int64_t w, int64_t c) {
-                      return ix(h, std::vector<int64_t>{1, 0, 1, 2, 1}[size_t(w)], c);
-                  })},
-        {"Tile W twice",
-         [&](Graph& g) {
-             g.node("y", "Tile", {"x", g.vec("m", {1, 1, 2, 1})});
-         },
-         {1, 2, 6, 4},
-         generate({1, 2, 6, 4}, [&](int64_t, int64_t h, int64_t w, int64_t c) { return ix(h, w % 3, c); })},
+         of({1, 2, 5, 4}, [&](int64_t h, int64_t w, int64_t c) { return ix(h, w == 0 ? 1 : w == 4 ? 1 : w - 1, c); })},
+        {"Tile W twice", op("Tile", [](Graph& g) { return Names{"x", g.vec("m", {1, 1, 2, 1})}; }),
+         {1, 2, 6, 4}, of({1, 2, 6, 4}, [&](int64_t h, int64_t w, int64_t c) { return ix(h, w % 3, c); })},
         {"ExpandDims, Squeeze",
-         [&](Graph& g) {
-             g.node("y", "Squeeze", {g.node("e", "ExpandDims", {"x", g.scalar("a", -1)})},
-                    {{"squeeze_dims", Ints({0})}});
-         },
-         {2, 3, 4, 1},
-         iota(24)},
+         op("Squeeze", [](Graph& g) { return Names{g.node("e", "ExpandDims", {"x", g.scalar("a", -1)})}; },
+            {{"squeeze_dims", Ints({0})}}),
+         {2, 3, 4, 1}, iota(24)},
         {"GatherV2 channels 3 and 0",
-         [&](Graph& g) {
-             g.node("y", "GatherV2", {"x", g.vec("i", {3, 0}), g.scalar("a", 3)});
-         },
-         {1, 2, 3, 2},
-         generate({1, 2, 3, 2}, [&](int64_t, int64_t h, int64_t w, int64_t c) { return ix(h, w, c ? 0 : 3); })},
+         op("GatherV2", [](Graph& g) { return Names{"x", g.vec("i", {3, 0}), g.scalar("a", 3)}; }),
+         {1, 2, 3, 2}, of({1, 2, 3, 2}, [&](int64_t h, int64_t w, int64_t c) { return ix(h, w, c ? 0 : 3); })},
         {"GatherNd two pixels",
-         [&](Graph& g) {
-             g.node("y", "GatherNd", {"x", g.ints("i", {2, 3}, {0, 1, 2, 0, 0, 1})});
-         },
-         {2, 4},
-         {20, 21, 22, 23, 4, 5, 6, 7}},
+         op("GatherNd", [](Graph& g) { return Names{"x", g.ints("i", {2, 3}, {0, 1, 2, 0, 0, 1})}; }),
+         {2, 4}, {20, 21, 22, 23, 4, 5, 6, 7}},
         {"BroadcastTo a new batch",
-         [&](Graph& g) {
-             g.node("y", "BroadcastTo", {"x", g.vec("s", {2, 2, 3, 4})});
-         },
-         {2, 2, 3, 4},
+         op("BroadcastTo", [](Graph& g) { return Names{"x", g.vec("s", {2, 2, 3, 4})}; }), {2, 2, 3, 4},
          generate({2, 2, 3, 4}, [&](int64_t, int64_t h, int64_t w, int64_t c) { return ix(h, w, c); })},
         {"ZerosLike plus Fill",
-         [&](Graph& g) {
-             g.node("y", "AddV2",
-                    {g.node("z", "ZerosLike", {"x"}),
-                     g.node("f", "Fill", {g.vec("d", {1, 2, 3, 4}), g.weight("v", {}, {2.5f})})});
-         },
-         {1, 2, 3, 4},
-         std::vector<float>(24, 2.5f)},
+         op("AddV2",
+            [](Graph& g) {
+                return Names{g.node("z", "ZerosLike", {"x"}),
+                             g.node("f", "Fill", {g.vec("d", {1, 2, 3, 4}), g.weight("v", {}, {2.5f})})};
+            }),
+         {1, 2, 3, 4}, std::vector<float>(24, 2.5f)},
+        {"DepthToSpace by 2", op("DepthToSpace", [](Graph&) { return Names{"x"}; }, {{"block_size", I(2)}}),
+         {1, 4, 6, 1},
+         of({1, 4, 6, 1}, [&](int64_t h, int64_t w, int64_t) { return ix(h / 2, w / 2, (h % 2) * 2 + w % 2); })},
+        {"PadV2 with 9 around W",
+         op("PadV2",
+            [](Graph& g) {
+                return Names{"x", g.ints("p", {4, 2}, {0, 0, 0, 0, 1, 1, 0, 0}), g.weight("k", {}, {9})};
+            }),
+         {1, 2, 5, 4},
+         of({1, 2, 5, 4}, [&](int64_t h, int64_t w, int64_t c) { return w == 0 || w == 4 ? 9 : ix(h, w - 1, c); })},
     };
     for (const Case& k : cases) {
         Graph g;
@@ -778,6 +645,45 @@ TEST(GraphImport, ShapeOpsMoveTheRightElements) {
         k.build(g);
         g.output("y");
         expectClose(importAndRun(g, {x}).outputs.at(0), k.shape, k.want, k.what);
+    }
+}
+
+TEST(GraphImport, MatrixProductsTransposeTheirOperandsWhenAsked) {
+    // a (2x3) times b, b stored 3x2 or, transposed, 2x3; batched: a (1x3x2) transposed times b (1x3x2).
+    const std::vector<float> a = {1, -2, 0.5f, 3, 0.25f, -1}, b = {0.5f, -1, 2, 0.25f, -0.5f, 1.5f};
+    auto product = [&](bool transposeA, bool transposeB) {  // 2x2 result of the 6 elements of each
+        std::vector<float> out(4, 0.0f);
+        for (int i = 0; i < 2; ++i)
+            for (int j = 0; j < 2; ++j)
+                for (int k = 0; k < 3; ++k)
+                    out[size_t(i * 2 + j)] += a[size_t(transposeA ? k * 2 + i : i * 3 + k)] *
+                                              b[size_t(transposeB ? j * 3 + k : k * 2 + j)];
+        return out;
+    };
+    struct Case {
+        std::string what, op;
+        std::vector<int64_t> aShape, bShape;
+        json attr;
+        std::vector<float> want;
+    };
+    std::vector<float> fused = product(false, false);
+    for (size_t i = 0; i < fused.size(); ++i) fused[i] = std::max(fused[i] + (i % 2 ? -1.0f : 0.5f), 0.0f);
+    const std::vector<Case> cases = {
+        {"MatMul, b transposed", "MatMul", {2, 3}, {2, 3}, {{"transpose_b", B(true)}}, product(false, true)},
+        {"_FusedMatMul with bias and Relu", "_FusedMatMul", {2, 3}, {3, 2}, {{"fused_ops", Strs({"BiasAdd", "Relu"})}},
+         fused},
+        {"BatchMatMulV2, a adjoint", "BatchMatMulV2", {1, 3, 2}, {1, 3, 2}, {{"adj_x", B(true)}}, product(true, false)},
+    };
+    for (const Case& k : cases) {
+        Graph g;
+        g.input("a", k.aShape);
+        std::vector<std::string> in{"a", g.weight("b", k.bShape, b)};
+        if (k.op == "_FusedMatMul") in.push_back(g.weight("bias", {2}, {0.5f, -1.0f}));
+        g.node("y", k.op, in, k.attr);
+        g.output("y");
+        const std::vector<int64_t> shape = k.aShape.size() == 3 ? std::vector<int64_t>{1, 2, 2}
+                                                                : std::vector<int64_t>{2, 2};
+        expectClose(importAndRun(g, {makeTensor(ML::F32, k.aShape, a)}).outputs.at(0), shape, k.want, k.what);
     }
 }
 
@@ -812,20 +718,12 @@ TEST(GraphImport, ReductionsArgMaxAndTopK) {
     };
     const std::vector<Case> cases = {
         {"Mean over H and W, kept", "Mean", {1, 2}, true, {1, 1, 1, 4}, {10, 11, 12, 13}},
-        {"Sum over C",
-         "Sum",
-         {3},
-         false,
-         {1, 2, 3},
+        {"Sum over C", "Sum", {3}, false, {1, 2, 3},
          {base(0, 0) * 4 + 6, base(0, 1) * 4 + 6, base(0, 2) * 4 + 6, base(1, 0) * 4 + 6, base(1, 1) * 4 + 6,
           base(1, 2) * 4 + 6}},
         {"Max over the last axis", "Max", {-1}, false, {1, 2, 3}, {3, 7, 11, 15, 19, 23}},
         {"Min over H, kept", "Min", {1}, true, {1, 1, 3, 4}, iota(12)},
-        {"Prod over H",
-         "Prod",
-         {1},
-         false,
-         {1, 3, 4},
+        {"Prod over H", "Prod", {1}, false, {1, 3, 4},
          generate({1, 1, 3, 4},
                   [](int64_t, int64_t, int64_t w, int64_t c) { return float(w * 4 + c) * float(12 + w * 4 + c); })},
         {"ArgMax over W", "ArgMax", {2}, false, {1, 2, 4}, std::vector<float>(8, 2)},
@@ -946,10 +844,7 @@ TEST(GraphImport, BrokenFilesEndInImportError) {
         std::function<void(const TempDir&)> breakIt;
     };
     const std::vector<Case> cases = {
-        {"bad JSON",
-         [](const TempDir& d) {
-             std::ofstream(d / "model.json") << "{\"format\": \"graph-model\", \"modelTopology\": {";
-         }},
+        {"bad JSON", [](const TempDir& d) { std::ofstream(d / "model.json") << "{\"modelTopology\": {\"node\": ["; }},
         {"missing shard", [](const TempDir& d) { fs::remove(d / "w.bin"); }},
         {"short shard", [](const TempDir& d) { fs::resize_file(d / "w.bin", fs::file_size(d / "w.bin") - 1); }},
         {"over-long shard", [](const TempDir& d) { std::ofstream(d / "w.bin", std::ios::app) << 'x'; }},

@@ -423,11 +423,13 @@ std::vector<TensorSignature> graphModelOutputs(const Model& model, const ImportO
 std::map<std::string, std::string> importGraphModel(GraphBuilder& g, const Model& model,
                                                     const std::map<std::string, std::string>& inputs,
                                                     const ImportOptions& options) {
+    const std::vector<TensorSignature> outputs = graphModelOutputs(model, options);
+    for (const TensorSignature& s : outputs) g.reserve(s.name);  // TensorFlow names such as "Relu_3"
     const GraphDef graph(model);
     GraphImporter importer(g, model, graph, options, inputs);
     Context& c = importer.context();
     std::map<std::string, std::string> result;
-    for (const TensorSignature& s : graphModelOutputs(model, options)) {
+    for (const TensorSignature& s : outputs) {
         const ValuePtr v = liveOutput(importer, model, s.name);
         std::string name = v->rank() == 4 ? c.inLayout(*v, kNCHW) : c.plain(*v);
         if (onnxType(v->type) != s.elemType) name = g.op("Cast", {name}, {attrInt("to", s.elemType)});
