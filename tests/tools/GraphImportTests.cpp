@@ -838,6 +838,22 @@ TEST(GraphImport, RefusesOpsItCannotConvertNamingTheNode) {
     }
 }
 
+TEST(GraphImport, OutputsKeepTheirTensorFlowNames) {
+    // "Neg_1" is a name the ONNX graph builder would give its second node, here a Neg.
+    Graph g;
+    g.input("x", {3});
+    g.node("Neg_1", "Relu", {"x"});
+    g.node("z", "Neg", {"x"});
+    g.output("Neg_1");
+    g.output("z");
+    const Imported r = importAndRun(g, {makeTensor(ML::F32, {3}, {-1, 0.5f, 2})});
+    ASSERT_EQ(r.proto.graph().output_size(), 2);
+    EXPECT_EQ(r.proto.graph().output(0).name(), "Neg_1");
+    EXPECT_EQ(r.proto.graph().output(1).name(), "z");
+    expectClose(r.outputs.at(0), {3}, {0, 0.5f, 2}, "Relu");
+    expectClose(r.outputs.at(1), {3}, {1, -0.5f, -2}, "Neg");
+}
+
 TEST(GraphImport, BrokenFilesEndInImportError) {
     struct Case {
         std::string what;
