@@ -317,6 +317,13 @@ private:
             dead_.insert(n.name);
             return;
         }
+        if (n.op == "Switch" && ctx_.inputs.size() == 2 && !ctx_.inputs[1]->isConst()) {
+            std::string names;
+            for (const std::string& input : inputsUpstream(n.inputs[1].first)) names += (names.empty() ? "" : ", ") + input;
+            ctx_.fail("the condition of this conditional is known only at run time" +
+                      (names.empty() ? std::string() : "; it depends on " + names) +
+                      ": fix them through ImportOptions::inputConstants to resolve the conditional at import time");
+        }
         std::vector<ValuePtr> outs = converterFor(n.op)(ctx_);
         ctx_.node = &n;
         if (n.op == "Merge" && outs[0]->dead) {
@@ -324,6 +331,21 @@ private:
             return;
         }
         done_[n.name] = std::move(outs);
+    }
+
+    // The placeholders a node depends on.
+    std::vector<std::string> inputsUpstream(const std::string& from) const {
+        std::vector<std::string> found, stack{from};
+        std::set<std::string> seen{from};
+        while (!stack.empty()) {
+            const Node& n = graph_.at(stack.back());
+            stack.pop_back();
+            if (n.op == "Placeholder") found.push_back(n.name);
+            for (const auto& in : n.inputs)
+                if (seen.insert(in.first).second) stack.push_back(in.first);
+        }
+        std::sort(found.begin(), found.end());
+        return found;
     }
 
     ValuePtr constant(const Node& n) {
