@@ -319,7 +319,8 @@ private:
         }
         if (n.op == "Switch" && ctx_.inputs.size() == 2 && !ctx_.inputs[1]->isConst()) {
             std::string names;
-            for (const std::string& input : inputsUpstream(n.inputs[1].first)) names += (names.empty() ? "" : ", ") + input;
+            for (const std::string& input : inputsUpstream(n.inputs[1].first))
+                names += (names.empty() ? "" : ", ") + input;
             ctx_.fail("the condition of this conditional is known only at run time" +
                       (names.empty() ? std::string() : "; it depends on " + names) +
                       ": fix them through ImportOptions::inputConstants to resolve the conditional at import time");
