@@ -545,8 +545,8 @@ TEST(GraphImport, ShapeOpsMoveTheRightElements) {
                  json attr = json::object()) -> Build { return [=](Graph& g) { g.node("y", type, inputs(g), attr); }; };
     auto secondOf = [](const std::string& type, std::function<Names(Graph&)> inputs) -> Build {
         return [=](Graph& g) {
-            g.node("parts", type, inputs(g), {{"num_split", I(2)}});
-            g.node("y", "Identity", {"parts:1"});
+            g.node("pieces", type, inputs(g), {{"num_split", I(2)}});
+            g.node("y", "Identity", {"pieces:1"});
         };
     };
     std::vector<float> channelsFirst;
@@ -591,10 +591,10 @@ TEST(GraphImport, ShapeOpsMoveTheRightElements) {
              g.node("y", "Pack", {"u:3", "u"}, {{"axis", I(0)}});
          },
          {2, 1, 2, 3}, {3, 7, 11, 15, 19, 23, 0, 4, 8, 12, 16, 20}},
-        {"SplitV [1, -1] on W, second part",
+        {"SplitV [1, -1] on W, second piece",
          secondOf("SplitV", [](Graph& g) { return Names{"x", g.vec("sz", {1, -1}), g.scalar("a", 2)}; }),
          {1, 2, 2, 4}, of({1, 2, 2, 4}, [&](int64_t h, int64_t w, int64_t c) { return ix(h, w + 1, c); })},
-        {"Split in two on C, second part",
+        {"Split in two on C, second piece",
          secondOf("Split", [](Graph& g) { return Names{g.scalar("a", 3), "x"}; }), {1, 2, 3, 2},
          of({1, 2, 3, 2}, [&](int64_t h, int64_t w, int64_t c) { return ix(h, w, c + 2); })},
         {"Pad H before, W after",

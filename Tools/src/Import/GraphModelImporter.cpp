@@ -138,9 +138,9 @@ private:
     std::vector<std::string> order_;
 };
 
-const nlohmann::json* signaturePart(const Model& model, const char* part) {
-    if (!model.signature.is_object() || !model.signature.contains(part)) return nullptr;
-    const nlohmann::json& j = model.signature.at(part);
+const nlohmann::json* signatureSection(const Model& model, const char* section) {
+    if (!model.signature.is_object() || !model.signature.contains(section)) return nullptr;
+    const nlohmann::json& j = model.signature.at(section);
     return j.is_object() && !j.empty() ? &j : nullptr;
 }
 
@@ -159,7 +159,7 @@ Entry placeholderEntry(const Node& n) {
 std::vector<Entry> inputEntries(const Model& model, const GraphDef& graph, const ImportOptions& options) {
     std::vector<Entry> entries;
     try {
-        if (const nlohmann::json* inputs = signaturePart(model, "inputs")) {
+        if (const nlohmann::json* inputs = signatureSection(model, "inputs")) {
             for (const auto& [key, j] : inputs->items()) {
                 const std::string name = withoutZero(j.value("name", key));
                 Entry e;
@@ -206,7 +206,7 @@ std::vector<Entry> inputEntries(const Model& model, const GraphDef& graph, const
 std::vector<Entry> outputEntries(const Model& model, const GraphDef& graph) {
     std::vector<Entry> entries;
     try {
-        if (const nlohmann::json* outputs = signaturePart(model, "outputs")) {
+        if (const nlohmann::json* outputs = signatureSection(model, "outputs")) {
             for (const auto& [key, j] : outputs->items()) {
                 Entry e;
                 e.name = withoutZero(j.value("name", key));

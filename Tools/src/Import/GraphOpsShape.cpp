@@ -91,12 +91,12 @@ struct AxisSlice {
     }
 };
 
-struct SliceSpec {
+struct SlicePlan {
     std::vector<AxisSlice> axes;  // one per input axis
     std::vector<int> newAxes;     // positions of inserted axes in the output (TensorFlow order)
 };
 
-SliceSpec stridedSpec(Context& c, int rank) {
+SlicePlan stridedPlan(Context& c, int rank) {
     const std::vector<int64_t> begin = c.ints(c.in(1), "the begin of a StridedSlice");
     const std::vector<int64_t> end = c.ints(c.in(2), "the end of a StridedSlice");
     const std::vector<int64_t> strides = c.ints(c.in(3), "the strides of a StridedSlice");
@@ -105,11 +105,11 @@ SliceSpec stridedSpec(Context& c, int rank) {
     const int64_t ellipsisMask = c.intAttr("ellipsis_mask", 0), newAxisMask = c.intAttr("new_axis_mask", 0);
     const int64_t shrinkMask = c.intAttr("shrink_axis_mask", 0);
     const int n = static_cast<int>(begin.size());
-    int consuming = 0;  // spec entries that consume an input axis, the ellipsis aside
+    int consuming = 0;  // slice entries that consume an input axis, the ellipsis aside
     for (int i = 0; i < n; ++i)
         if (!(ellipsisMask >> i & 1) && !(newAxisMask >> i & 1)) ++consuming;
-    SliceSpec spec;
-    spec.axes.resize(static_cast<size_t>(rank));
+    SlicePlan plan;
+    plan.axes.resize(static_cast<size_t>(rank));
     int axis = 0, out = 0;
     bool sawEllipsis = false;
     for (int i = 0; i < n; ++i) {
@@ -122,11 +122,11 @@ SliceSpec stridedSpec(Context& c, int rank) {
             continue;
         }
         if (newAxisMask >> i & 1) {
-            spec.newAxes.push_back(out++);
+            plan.newAxes.push_back(out++);
             continue;
         }
         if (axis >= rank) c.fail("more slice entries than input axes");
-        AxisSlice& s = spec.axes[static_cast<size_t>(axis++)];
+        AxisSlice& s = plan.axes[static_cast<size_t>(axis++)];
         s.begin = begin[static_cast<size_t>(i)];
         s.end = end[static_cast<size_t>(i)];
         s.stride = strides[static_cast<size_t>(i)];
@@ -137,16 +137,16 @@ SliceSpec stridedSpec(Context& c, int rank) {
         s.full = !s.shrink && s.stride == 1 && s.beginMask && s.endMask;
         if (!s.shrink) ++out;
     }
-    return spec;
+    return plan;
 }
 
-// The output shape of a slice along the spec (TensorFlow order), before new axes are added.
-std::vector<int64_t> slicedShape(const SliceSpec& spec, const std::vector<int64_t>& shape) {
+// The output shape of a slice along the plan (TensorFlow order), before new axes are added.
+std::vector<int64_t> slicedShape(const SlicePlan& plan, const std::vector<int64_t>& shape) {
     std::vector<int64_t> out;
-    for (size_t i = 0; i < spec.axes.size(); ++i) {
-        const AxisSlice& s = spec.axes[i];
+    for (size_t i = 0; i < plan.axes.size(); ++i) {
+        const AxisSlice& s = plan.axes[i];
         if (s.shrink) continue;
-        out.push_back(shape[i] < 0 ? (s.full ? -1 : -1) : static_cast<int64_t>(s.indices(shape[i]).size()));
+        out.push_back(shape[i] < 0 ? -1 : static_cast<int64_t>(s.indices(shape[i]).size()));
     }
     return out;
 }
@@ -408,17 +408,17 @@ std::vector<ValuePtr> ops::unpack(Context& c) {
             std::vector<std::vector<int64_t>> index;
             for (int i = 0; i < x.rank(); ++i)
                 index.push_back(i == axis ? std::vector<int64_t>{k} : iota(h.shape[static_cast<size_t>(i)]));
-            Host part = take(h, index);
-            part.shape = shape;
-            out.push_back(c.constantValue(std::move(part)));
+            Host piece = take(h, index);
+            piece.shape = shape;
+            out.push_back(c.constantValue(std::move(piece)));
         }
         return out;
     }
-    const std::vector<std::string> parts =
+    const std::vector<std::string> pieces =
         num == 1 ? std::vector<std::string>{c.held(x)}
                  : c.g.ops("Split", {c.held(x)}, static_cast<int>(num), {attrInt("axis", onnx)});
-    for (const std::string& part : parts)
-        out.push_back(c.make(c.g.op("Squeeze", {part, c.i64({onnx})}), x.type, shape, perm));
+    for (const std::string& piece : pieces)
+        out.push_back(c.make(c.g.op("Squeeze", {piece, c.i64({onnx})}), x.type, shape, perm));
     return out;
 }
 
@@ -433,13 +433,13 @@ std::vector<ValuePtr> splitInto(Context& c, Value& x, int64_t rawAxis, std::vect
         if (extent < 0) c.fail("a split size of -1 on an axis of unknown extent");
         *free = extent - (std::accumulate(sizes.begin(), sizes.end(), int64_t{0}) + 1);
     }
-    const std::vector<std::string> parts = c.g.ops("Split", {c.held(x), c.i64(sizes)}, static_cast<int>(sizes.size()),
+    const std::vector<std::string> pieces = c.g.ops("Split", {c.held(x), c.i64(sizes)}, static_cast<int>(sizes.size()),
                                                    {attrInt("axis", onnxAxis(x, axis))});
     std::vector<ValuePtr> out;
-    for (size_t i = 0; i < parts.size(); ++i) {
+    for (size_t i = 0; i < pieces.size(); ++i) {
         std::vector<int64_t> shape = x.shape;
         shape[static_cast<size_t>(axis)] = sizes[i];
-        out.push_back(c.make(parts[i], x.type, shape, x.perm));
+        out.push_back(c.make(pieces[i], x.type, shape, x.perm));
     }
     return out;
 }
@@ -452,14 +452,14 @@ std::vector<ValuePtr> ops::split(Context& c) {
     const int64_t n = c.intAttr("num_split", 1);
     if (!x.ranked) c.fail("the input's rank is unknown");
     const int64_t extent = x.shape[static_cast<size_t>(normalizedAxis(c, axis, x.rank()))];
-    if (extent < 0) {  // equal parts of an extent known only at run time
-        const std::vector<std::string> parts =
+    if (extent < 0) {  // equal pieces of an extent known only at run time
+        const std::vector<std::string> pieces =
             c.g.ops("Split", {c.held(x)}, static_cast<int>(n), {attrInt("axis", onnxAxis(x, axis))});
         std::vector<ValuePtr> out;
-        for (const std::string& p : parts) out.push_back(c.make(p, x.type, x.shape, x.perm));
+        for (const std::string& p : pieces) out.push_back(c.make(p, x.type, x.shape, x.perm));
         return out;
     }
-    if (n <= 0 || extent % n != 0) c.fail("the axis does not split into " + std::to_string(n) + " equal parts");
+    if (n <= 0 || extent % n != 0) c.fail("the axis does not split into " + std::to_string(n) + " equal pieces");
     return splitInto(c, x, axis, std::vector<int64_t>(static_cast<size_t>(n), extent / n));
 }
 
@@ -508,17 +508,17 @@ std::vector<ValuePtr> ops::slice(Context& c) {
 std::vector<ValuePtr> ops::stridedSlice(Context& c) {
     Value& x = c.in(0);
     if (!x.ranked) c.fail("the input's rank is unknown");
-    const SliceSpec spec = stridedSpec(c, x.rank());
+    const SlicePlan plan = stridedPlan(c, x.rank());
     std::vector<int> shrunk;
     for (int i = 0; i < x.rank(); ++i)
-        if (spec.axes[static_cast<size_t>(i)].shrink) shrunk.push_back(i);
-    const std::vector<int64_t> sliced = slicedShape(spec, x.shape);
-    const std::vector<int64_t> shape = withNewAxes(sliced, spec.newAxes);
+        if (plan.axes[static_cast<size_t>(i)].shrink) shrunk.push_back(i);
+    const std::vector<int64_t> sliced = slicedShape(plan, x.shape);
+    const std::vector<int64_t> shape = withNewAxes(sliced, plan.newAxes);
     if (foldable(x)) {
         const Host h = c.constant(x, "the input");
         std::vector<std::vector<int64_t>> index;
         for (int i = 0; i < x.rank(); ++i) {
-            index.push_back(spec.axes[static_cast<size_t>(i)].indices(h.shape[static_cast<size_t>(i)]));
+            index.push_back(plan.axes[static_cast<size_t>(i)].indices(h.shape[static_cast<size_t>(i)]));
             for (int64_t k : index.back())
                 if (k < 0 || k >= h.shape[static_cast<size_t>(i)])
                     c.fail("index " + std::to_string(k) + " is out of range");
@@ -528,7 +528,7 @@ std::vector<ValuePtr> ops::stridedSlice(Context& c) {
         return {c.constantValue(std::move(out))};
     }
     // New axes go in TensorFlow's order, so their input does too.
-    const bool plain = !spec.newAxes.empty();
+    const bool plain = !plan.newAxes.empty();
     Value* current = &x;
     ValuePtr tmp;
     if (plain && !normalized(x.perm, x.rank()).empty()) {
@@ -537,7 +537,7 @@ std::vector<ValuePtr> ops::stridedSlice(Context& c) {
     }
     std::vector<int64_t> starts, ends, axes, steps;
     for (int i = 0; i < x.rank(); ++i) {
-        const AxisSlice& s = spec.axes[static_cast<size_t>(i)];
+        const AxisSlice& s = plan.axes[static_cast<size_t>(i)];
         if (s.full) continue;
         const int64_t lowest = s.stride > 0 ? 0 : kMaxIndex, highest = s.stride > 0 ? kMaxIndex : INT64_MIN;
         starts.push_back(s.shrink ? s.begin : s.beginMask ? lowest : s.begin);
@@ -555,8 +555,8 @@ std::vector<ValuePtr> ops::stridedSlice(Context& c) {
         out = c.g.op("Squeeze", {out, c.i64(onnx)});
         perm = withoutAxes(perm, x.rank(), shrunk);
     }
-    if (!spec.newAxes.empty()) {
-        const std::vector<int64_t> at(spec.newAxes.begin(), spec.newAxes.end());
+    if (!plan.newAxes.empty()) {
+        const std::vector<int64_t> at(plan.newAxes.begin(), plan.newAxes.end());
         out = c.g.op("Unsqueeze", {out, c.i64(at)});
     }
     return {c.make(out, x.type, shape, perm)};
