@@ -866,6 +866,19 @@ TEST(GraphImport, BrokenFilesEndInImportError) {
         {"missing shard", [](const TempDir& d) { fs::remove(d / "w.bin"); }},
         {"short shard", [](const TempDir& d) { fs::resize_file(d / "w.bin", fs::file_size(d / "w.bin") - 1); }},
         {"over-long shard", [](const TempDir& d) { std::ofstream(d / "w.bin", std::ios::app) << 'x'; }},
+        {"malformed attribute",
+         [](const TempDir& d) {
+             Graph g;
+             g.input("x", {1, 2});
+             g.node("y", "Squeeze", {"x"}, {{"squeeze_dims", {{"list", {{"i", {"zero"}}}}}}});
+             g.write(d);
+         }},
+        {"input from a node that is not there",
+         [](const TempDir& d) {
+             Graph g;
+             g.node("y", "Relu", {"nowhere"});
+             g.write(d);
+         }},
     };
     for (const Case& k : cases) {
         Graph g;

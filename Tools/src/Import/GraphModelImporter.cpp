@@ -325,7 +325,15 @@ private:
                       (names.empty() ? std::string() : "; it depends on " + names) +
                       ": fix them through ImportOptions::inputConstants to resolve the conditional at import time");
         }
-        std::vector<ValuePtr> outs = converterFor(n.op)(ctx_);
+        std::vector<ValuePtr> outs;
+        try {
+            outs = converterFor(n.op)(ctx_);
+        } catch (const ImportError&) {
+            throw;
+        } catch (const std::exception& e) {  // malformed attributes and the like
+            ctx_.node = &n;
+            ctx_.fail(std::string("the node is not well-formed: ") + e.what());
+        }
         ctx_.node = &n;
         if (n.op == "Merge" && outs[0]->dead) {
             dead_.insert(n.name);
