@@ -439,6 +439,7 @@ TEST(GraphImport, ElementwiseOpsBroadcastInChannelsFirstLayout) {
         {"FloorMod", PerChannel, [](float a, float b) { return a - std::floor(a / b) * b; }, 0},
         {"Prelu", PerChannel, [](float a, float b) { return a > 0 ? a : a * b; }, 0},
         {"Pow", Scalar, [](float a, float b) { return std::pow(std::fabs(a), b); }, 0},
+        {"Atan2", PerChannel, [](float a, float b) { return std::atan2(a, b); }, 0},
     };
     for (const Case& k : cases) {
         Graph g;
@@ -697,13 +698,16 @@ TEST(GraphImport, ShapesKnownOnlyAtRunTimeFlowThroughShapeArithmetic) {
     g.node("hw", "Mul", {"h", g.scalar("three", 3)});
     g.node("dims", "Pack", {"hw", g.scalar("four", 4)}, {{"axis", I(0)}});
     g.node("y", "Reshape", {g.node("r", "Relu", {"x"}), "dims"});
+    g.node("size", "Size", {"x"}, {{"out_type", {{"type", "DT_INT32"}}}});
     g.output("y");
     g.output("shape");
+    g.output("size");
     const Tensor x = makeTensor(ML::F32, {1, 5, 3, 4}, iota(60));
     const Imported r = importAndRun(g, {x});
     expectClose(r.outputs.at(0), {15, 4}, iota(60), "reshaped");
     EXPECT_EQ(r.outputs.at(1).type, ML::I32);
     expectClose(r.outputs.at(1), {4}, {1, 5, 3, 4}, "shape in TensorFlow's order");
+    expectClose(r.outputs.at(2), {}, {60}, "size");
 }
 
 TEST(GraphImport, ReductionsArgMaxAndTopK) {

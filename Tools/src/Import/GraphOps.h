@@ -159,7 +159,7 @@ DType dtypeOf(const std::string& tfType);  // "DT_FLOAT", ... ; throws for types
 // Element-wise ops and reductions that share one converter each.
 enum class Binary {
     Add, Sub, Mul, Div, FloorDiv, FloorMod, Max, Min, Pow, SquaredDifference, Equal, NotEqual, Less, LessEqual,
-    Greater, GreaterEqual, And, Or, Prelu
+    Greater, GreaterEqual, And, Or, Prelu, Atan2
 };
 enum class Unary {
     Relu, Relu6, Elu, Selu, LeakyRelu, Sigmoid, Tanh, Exp, Log, Log1p, Neg, Abs, Sqrt, Rsqrt, Square, Reciprocal,
@@ -205,6 +205,7 @@ std::vector<ValuePtr> noOp(Context&);
 std::vector<ValuePtr> switchOp(Context&);
 std::vector<ValuePtr> merge(Context&);
 std::vector<ValuePtr> shape(Context&);
+std::vector<ValuePtr> size(Context&);
 std::vector<ValuePtr> reshape(Context&);
 std::vector<ValuePtr> squeeze(Context&);
 std::vector<ValuePtr> expandDims(Context&);

@@ -110,6 +110,7 @@ double hostBinary(Context& c, Binary op, DType type, double a, double b) {
         case Binary::And: return a != 0 && b != 0;
         case Binary::Or: return a != 0 || b != 0;
         case Binary::Prelu: return a > 0 ? a : a * b;
+        case Binary::Atan2: return std::atan2(a, b);
     }
     return 0;
 }
@@ -150,6 +151,17 @@ std::string emitBinary(Context& c, Binary op, DType type, const std::string& x, 
         case Binary::And: return g.op("And", {x, y});
         case Binary::Or: return g.op("Or", {x, y});
         case Binary::Prelu: return g.op("PRelu", {x, y});
+        case Binary::Atan2: {
+            // atan(num / den), moved by pi where den < 0; where den = 0, sign(num) * pi/2.
+            const std::string &num = x, &den = y;
+            const float pi = 3.14159265358979f;
+            const std::string zero = g.scalarF32(0.0f), base = g.op("Atan", {g.op("Div", {num, den})});
+            const std::string left = g.op("Where", {g.op("GreaterOrEqual", {num, zero}), g.addScalar(base, pi),
+                                                    g.addScalar(base, -pi)});
+            const std::string vertical = g.mulScalar(g.op("Sign", {num}), pi / 2);
+            return g.op("Where", {g.op("Greater", {den, zero}), base,
+                                  g.op("Where", {g.op("Less", {den, zero}), left, vertical})});
+        }
     }
     return {};
 }

@@ -216,7 +216,7 @@ std::vector<ValuePtr> matrixProduct(Context& c, bool adjA, bool adjB) {
     Value& a = c.in(0);
     Value& b = c.in(1);
     std::string y = c.g.op("MatMul", {matrix(c, a, adjA), matrix(c, b, adjB)});
-    if (!a.ranked || !b.ranked || a.rank() < 2 || b.rank() < 2) return {c.unranked(y, DType::Float)};
+    if (!a.ranked || !b.ranked || a.rank() < 2 || b.rank() < 2) return {c.unranked(y, a.type)};
     const int rank = std::max(a.rank(), b.rank());
     std::vector<int64_t> shape(static_cast<size_t>(rank), -1);
     const auto& as = a.shape;
@@ -227,7 +227,7 @@ std::vector<ValuePtr> matrixProduct(Context& c, bool adjA, bool adjB) {
     for (int i = 0; i < rank - 2; ++i) shape[static_cast<size_t>(i)] = longer[static_cast<size_t>(i)];
     const std::vector<std::string> fused = c.stringsAttr("fused_ops");
     y = applyFused(c, y, fused, 0, 2, rank, {});
-    return {c.make(y, DType::Float, shape)};
+    return {c.make(y, a.type, shape)};
 }
 
 bool isDepthwise(const std::string& op) { return op == "DepthwiseConv2dNative" || op == "FusedDepthwiseConv2dNative"; }

@@ -216,6 +216,12 @@ std::vector<ValuePtr> ops::shape(Context& c) {
     return {c.make(s, DType::Int, {x.rank()})};
 }
 
+std::vector<ValuePtr> ops::size(Context& c) {
+    Value& x = c.in(0);
+    if (x.staticShape()) return {c.constantValue(Host{DType::Int, {}, {static_cast<double>(product(x.shape))}})};
+    return {c.make(c.g.op("ReduceProd", {c.g.op("Shape", {c.held(x)})}, {attrInt("keepdims", 0)}), DType::Int, {})};
+}
+
 std::vector<ValuePtr> ops::reshape(Context& c) {
     Value& x = c.in(0);
     Value& target = c.in(1);
