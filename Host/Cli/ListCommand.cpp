@@ -1,5 +1,7 @@
 // quillon list: backends, devices and the models of every target, from the plug-in's query tables;
 // for each model whether the package holds a real network for it or a stand-in (networks.json).
+#include <algorithm>
+#include <cctype>
 #include <functional>
 #include <map>
 
@@ -30,13 +32,19 @@ int number(const std::function<int()>& query, int fallback = -1) {
     }
 }
 
-// "network <source>, <licence>" for a model imported from a real network, "stand-in" otherwise
-// (a stand-in record, or no record at all).
+// Whether file is the model's own network: its id, or its id and a scale ("<id>_2x").
+bool isNetworkOf(const std::string& file, const std::string& id) {
+    if (file == id) return true;
+    if (file.size() < id.size() + 3 || file.compare(0, id.size() + 1, id + "_") != 0 || file.back() != 'x') return false;
+    return std::all_of(file.begin() + static_cast<long>(id.size()) + 1, file.end() - 1, ::isdigit);
+}
+
+// "network <source>, <licence>" for a model whose networks were imported from a real network,
+// "stand-in" otherwise (stand-in records, or no record at all).
 std::string networkOf(const std::map<std::string, qpkg::tfjs::NetworkRecord>& records, const std::string& id) {
-    const auto it = records.find(id);
-    if (it == records.end() || !it->second.imported) return "stand-in";
-    const qpkg::tfjs::NetworkRecord& r = it->second;
-    return "network " + r.source + (r.licence.empty() ? "" : ", " + r.licence);
+    for (const auto& [file, r] : records)
+        if (r.imported && isNetworkOf(file, id)) return "network " + r.source + (r.licence.empty() ? "" : ", " + r.licence);
+    return "stand-in";
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <set>
 
 #include "Configs.h"
 #include "Conversion.h"
@@ -197,7 +198,9 @@ int commandImgcvt(const std::vector<std::string>& args, std::ostream& out) {
 int commandConfig(const std::vector<std::string>& args, std::ostream& out) {
     const Arguments a = parseArguments("config", args, {}, {"--encrypt"});
     writeConfigs(a.dir, a.has("--encrypt"));
-    out << "Wrote configuration files (" << targetConfigs().size() << ") to " << a.dir.string() << "\n";
+    std::set<std::string> files;
+    for (const TargetConfig& c : targetConfigs()) files.insert(c.file);
+    out << "Wrote configuration files (" << files.size() << ") to " << a.dir.string() << "\n";
     return kExitOk;
 }
 

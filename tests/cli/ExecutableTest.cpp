@@ -142,18 +142,22 @@ TEST(CliCommands, ListHelpDemoAndBench) {
     EXPECT_TRUE(std::filesystem::exists(dir / "demo" / "depth_colour.png"));
 }
 
-// A model whose id networks.json records as imported shows its source; others are stand-ins.
+// A model whose networks networks.json records as imported (its id, or its id and a scale) shows
+// their source; others are stand-ins.
 TEST(CliCommands, ListShowsRealNetworksFromTheIndex) {
     TempDir dir;
     std::filesystem::copy(std::filesystem::path(QUILLON_TEST_PACKAGE_DIR) / "config", dir / "config");
     std::filesystem::create_directories(dir / "models");
     std::ofstream(dir / "models" / "networks.json")
         << R"({"models": {"depth_standin": {"kind": "imported", "source": "depth@2.0.0", "licence": "MIT"},
-                         "upres_standin": {"kind": "stand-in", "source": "quillon-pkg"}}})";
+                         "esrgan_thick_4x": {"kind": "imported", "source": "thick@1.0.0", "licence": "MIT"},
+                         "esrgan_medium_enhance": {"kind": "stand-in", "source": "quillon-pkg"}}})";
     const RunResult r = runQuillon("list", dir.path());
     ASSERT_EQ(r.exitCode, 0) << r.output;
     EXPECT_NE(r.output.find("id depth_standin  tile 256x256  network depth@2.0.0, MIT\n"), std::string::npos) << r.output;
-    EXPECT_NE(r.output.find("id upres_standin  tile 256x256  stand-in\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("id esrgan_thick  tile 128x128  network thick@1.0.0, MIT\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("id esrgan_medium  tile 128x128  stand-in\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("id esrgan_medium_enhance  tile 256x256  stand-in\n"), std::string::npos) << r.output;
     EXPECT_NE(r.output.find("id denoiser_standin  tile 256x256  stand-in\n"), std::string::npos) << r.output;
 }
 
