@@ -92,12 +92,10 @@ std::vector<TensorSize> sizesOf(const Arguments& a) {
     return sizes;
 }
 
-// The real networks' folder: --networks, else $QUILLON_NETWORKS, else the source tree's.
+// The real networks' folder: --networks, else the default.
 fs::path networksFolder(const Arguments& a) {
     if (!a.all("--networks").empty()) return a.all("--networks").back();
-    const char* env = std::getenv("QUILLON_NETWORKS");
-    if (env && *env) return env;
-    return QUILLON_DEFAULT_NETWORKS;
+    return defaultNetworksFolder();
 }
 
 int commandDefault(const std::vector<std::string>& args, std::ostream& out) {

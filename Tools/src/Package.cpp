@@ -1,5 +1,7 @@
 #include "Package.h"
 
+#include <cstdlib>
+
 #include "Configs.h"
 #include "Conversion.h"
 #include "GammaStats.h"
@@ -7,6 +9,12 @@
 #include "StandIns.h"
 
 namespace qpkg {
+
+std::filesystem::path defaultNetworksFolder() {
+    const char* env = std::getenv("QUILLON_NETWORKS");
+    if (env && *env) return env;
+    return QUILLON_DEFAULT_NETWORKS;
+}
 
 std::filesystem::path configFolderOf(const std::filesystem::path& packageDir) { return packageDir / "config"; }
 

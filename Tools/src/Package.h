@@ -15,6 +15,10 @@ std::filesystem::path modelFolderOf(const std::filesystem::path& packageDir);   
 // Every network of <modelFolder>/imgcvt: all conversions, resize, gamma and statistics.
 void writeImgcvt(const std::filesystem::path& modelFolder);
 
+// Where the real networks are unless the user says: $QUILLON_NETWORKS, else the source tree's
+// .deps/networks (scripts/setup unpacks them there).
+std::filesystem::path defaultNetworksFolder();
+
 struct PackageOptions {
     bool encrypt = false;
     // Folder of the real networks (<folder>/<package folder>/<file>); empty: stand-ins only.
