@@ -18,7 +18,9 @@ int runDemo(const Options& o, std::ostream& out, std::ostream& err) {
         out << "Making the default model package in " << package.string() << "\n";
         try {
             std::filesystem::create_directories(package);
-            qpkg::writeDefaultPackage(package, false);
+            qpkg::PackageOptions options;
+            options.networks = qpkg::defaultNetworksFolder();
+            for (const std::string& note : qpkg::writeDefaultPackage(package, options)) out << note << "\n";
         } catch (const std::exception& e) {
             throw CliError::because(EXIT_HOST, "cannot make the model package in " + package.string(), e);
         }

@@ -1,10 +1,15 @@
-// quillon list: backends, devices and the models of every target, from the plug-in's query tables.
+// quillon list: backends, devices and the models of every target, from the plug-in's query tables;
+// for each model whether the package holds a real network for it or a stand-in (networks.json).
+#include <algorithm>
+#include <cctype>
 #include <functional>
+#include <map>
 
 #include "Host/Cli/CliError.h"
 #include "Host/Cli/Commands.h"
 #include "Host/Cli/Session.h"
 #include "Host/Cli/Targets.h"
+#include "Package.h"
 
 namespace QCli {
 
@@ -25,6 +30,21 @@ int number(const std::function<int()>& query, int fallback = -1) {
     } catch (const std::exception&) {
         return fallback;
     }
+}
+
+// Whether file is the model's own network: its id, or its id and a scale ("<id>_2x").
+bool isNetworkOf(const std::string& file, const std::string& id) {
+    if (file == id) return true;
+    if (file.size() < id.size() + 3 || file.compare(0, id.size() + 1, id + "_") != 0 || file.back() != 'x') return false;
+    return std::all_of(file.begin() + static_cast<long>(id.size()) + 1, file.end() - 1, ::isdigit);
+}
+
+// "network <source>, <licence>" for a model whose networks were imported from a real network,
+// "stand-in" otherwise (stand-in records, or no record at all).
+std::string networkOf(const std::map<std::string, qpkg::tfjs::NetworkRecord>& records, const std::string& id) {
+    for (const auto& [file, r] : records)
+        if (r.imported && isNetworkOf(file, id)) return "network " + r.source + (r.licence.empty() ? "" : ", " + r.licence);
+    return "stand-in";
 }
 
 }  // namespace
@@ -58,6 +78,9 @@ int runList(const Options& o, std::ostream& out, std::ostream& err) {
     else
         out << "Default backend: none\n";
 
+    std::map<std::string, qpkg::tfjs::NetworkRecord> records;
+    for (qpkg::tfjs::NetworkRecord& r : qpkg::tfjs::readNetworkIndex(qpkg::modelFolderOf(session.packageDir())))
+        records[r.modelId] = std::move(r);
     out << "Models:\n";
     for (const TargetName& t : allTargets()) {
         const int count = number([&] { return p.getIntPluginParam(t.number, 100, 0); }, 0);
@@ -65,9 +88,10 @@ int runList(const Options& o, std::ostream& out, std::ostream& err) {
         for (int m = 0; m < count; ++m) {
             const int w = number([&] { return p.getIntPluginParam(t.number, 104, m); });
             const int h = number([&] { return p.getIntPluginParam(t.number, 105, m); });
-            out << "    " << m << ": " << text([&] { return p.getStringPluginParam(t.number, 101, m); })
-                << "  id " << text([&] { return p.getStringPluginParam(t.number, 102, m); }) << "  tile "
-                << (w > 0 && h > 0 ? std::to_string(w) + "x" + std::to_string(h) : std::string("any")) << "\n";
+            const std::string id = text([&] { return p.getStringPluginParam(t.number, 102, m); });
+            out << "    " << m << ": " << text([&] { return p.getStringPluginParam(t.number, 101, m); }) << "  id " << id
+                << "  tile " << (w > 0 && h > 0 ? std::to_string(w) + "x" + std::to_string(h) : std::string("any"))
+                << "  " << networkOf(records, id) << "\n";
             const std::string description = text([&] { return p.getStringPluginParam(t.number, 103, m); });
             if (!description.empty()) out << "       " << description << "\n";
         }

@@ -1,15 +1,22 @@
 #include "Cli.h"
 
+#include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <set>
 
 #include "Configs.h"
 #include "Conversion.h"
 #include "Formats.h"
+#include "Import/Adapters.h"
+#include "Import/ImportError.h"
+#include "Import/NetworkSources.h"
 #include "Normalize.h"
 #include "Package.h"
 #include "Sampler.h"
+#include "PackageFiles.h"
 #include "StandIns.h"
 
 namespace fs = std::filesystem;
@@ -18,7 +25,7 @@ namespace qpkg {
 
 namespace {
 
-// The arguments of one command: one folder, then options.
+// The arguments of one command: one folder (or file), then options.
 struct Arguments {
     fs::path dir;
     std::map<std::string, std::vector<std::string>> values;  // options with a value, in order given
@@ -36,9 +43,11 @@ struct Arguments {
     }
 };
 
-// Parses "<dir> [options]" against the options the command accepts.
+// Parses "<dir> [options]" against the options the command accepts; what names the positional
+// argument in messages.
 Arguments parseArguments(const std::string& command, const std::vector<std::string>& args,
-                         const std::vector<std::string>& valueOptions, const std::vector<std::string>& flagOptions) {
+                         const std::vector<std::string>& valueOptions, const std::vector<std::string>& flagOptions,
+                         const std::string& what = "folder") {
     Arguments a;
     bool haveDir = false;
     for (size_t i = 0; i < args.size(); ++i) {
@@ -58,14 +67,14 @@ Arguments parseArguments(const std::string& command, const std::vector<std::stri
             }
             if (!known) throw UsageError("unknown option " + arg + " for '" + command + "'");
         } else if (!haveDir) {
-            if (arg.empty()) throw UsageError("the folder of '" + command + "' is empty");
+            if (arg.empty()) throw UsageError("the " + what + " of '" + command + "' is empty");
             a.dir = arg;
             haveDir = true;
         } else {
             throw UsageError("unexpected argument '" + arg + "' for '" + command + "'");
         }
     }
-    if (!haveDir) throw UsageError("'" + command + "' needs a folder");
+    if (!haveDir) throw UsageError("'" + command + "' needs a " + what);
     return a;
 }
 
@@ -83,10 +92,91 @@ std::vector<TensorSize> sizesOf(const Arguments& a) {
     return sizes;
 }
 
+// The real networks' folder: --networks, else the default.
+fs::path networksFolder(const Arguments& a) {
+    if (!a.all("--networks").empty()) return a.all("--networks").back();
+    return defaultNetworksFolder();
+}
+
 int commandDefault(const std::vector<std::string>& args, std::ostream& out) {
-    const Arguments a = parseArguments("default", args, {}, {"--encrypt"});
-    writeDefaultPackage(a.dir, a.has("--encrypt"));
+    const Arguments a = parseArguments("default", args, {"--networks", "--with"}, {"--encrypt"});
+    PackageOptions options;
+    options.encrypt = a.has("--encrypt");
+    options.networks = networksFolder(a);
+    options.with = a.all("--with");
+    for (const std::string& name : options.with) {
+        bool known = false;
+        std::string gpl;
+        for (const tfjs::NetworkSource& s : tfjs::networkSources()) {
+            known = known || s.modelId == name;
+            if (s.gpl) gpl += (gpl.empty() ? "" : ", ") + s.modelId;
+        }
+        if (!known) throw UsageError("--with " + name + ": no such network (GPL networks: " + (gpl.empty() ? "none" : gpl) + ")");
+    }
+    for (const std::string& note : writeDefaultPackage(a.dir, options)) out << note << "\n";
     out << "Wrote the default package to " << a.dir.string() << "\n";
+    return kExitOk;
+}
+
+// "NAME=VALUE": the two halves; UsageError naming the option otherwise.
+std::pair<std::string, std::string> splitAssignment(const std::string& option, const std::string& text) {
+    const size_t eq = text.find('=');
+    if (eq == 0 || eq == std::string::npos || eq + 1 == text.size())
+        throw UsageError(option + " " + text + ": expected NAME=VALUE");
+    return {text.substr(0, eq), text.substr(eq + 1)};
+}
+
+// A list of numbers separated by sep ("1x256x256x3", "0.25,0.5").
+std::vector<double> numbers(const std::string& option, const std::string& text, char sep) {
+    std::vector<double> values;
+    size_t start = 0;
+    while (true) {
+        const size_t end = text.find(sep, start);
+        const std::string item = text.substr(start, end == std::string::npos ? std::string::npos : end - start);
+        char* stop = nullptr;
+        const double v = std::strtod(item.c_str(), &stop);
+        if (item.empty() || *stop != '\0') throw UsageError(option + " " + text + ": '" + item + "' is not a number");
+        values.push_back(v);
+        if (end == std::string::npos) return values;
+        start = end + 1;
+    }
+}
+
+int commandImport(const std::vector<std::string>& args, std::ostream& out) {
+    const Arguments a = parseArguments("import", args, {"-o", "--adapter", "--input-shape", "--const"}, {}, "model.json");
+    if (a.all("-o").size() != 1) throw UsageError("'import' needs one output file: -o <out.onnx>");
+    if (a.all("--adapter").size() > 1) throw UsageError("'import' takes one --adapter");
+    const fs::path output = a.all("-o").front();
+    const tfjs::Adapter* adapter = nullptr;
+    if (!a.all("--adapter").empty()) {
+        try {
+            adapter = &tfjs::adapterNamed(a.all("--adapter").front());
+        } catch (const tfjs::ImportError& e) {
+            throw UsageError(e.what());
+        }
+    }
+    tfjs::ImportOptions options;
+    for (const std::string& s : a.all("--input-shape")) {
+        const auto [name, value] = splitAssignment("--input-shape", s);
+        std::vector<int64_t>& shape = options.inputShapes[name];
+        for (double d : numbers("--input-shape", value, 'x')) {
+            if (d < 1 || d > (1 << 20) || d != static_cast<double>(static_cast<int64_t>(d)))
+                throw UsageError("--input-shape " + s + ": extents must be whole numbers from 1");
+            shape.push_back(static_cast<int64_t>(d));
+        }
+    }
+    for (const std::string& s : a.all("--const")) {
+        const auto [name, value] = splitAssignment("--const", s);
+        for (double d : numbers("--const", value, ',')) options.inputConstants[name].push_back(static_cast<float>(d));
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const tfjs::Model model = tfjs::readModel(a.dir);
+    const onnx::ModelProto proto = adapter ? tfjs::importAdapted(model, *adapter, options) : tfjs::importModel(model, options);
+    writeModel(proto, output);
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    out << "Imported " << a.dir.string() << (adapter ? " through adapter " + adapter->name : std::string()) << " to "
+        << output.string() << " (" << proto.graph().node_size() << " nodes, " << static_cast<int>(seconds * 1000)
+        << " ms)\n";
     return kExitOk;
 }
 
@@ -106,7 +196,9 @@ int commandImgcvt(const std::vector<std::string>& args, std::ostream& out) {
 int commandConfig(const std::vector<std::string>& args, std::ostream& out) {
     const Arguments a = parseArguments("config", args, {}, {"--encrypt"});
     writeConfigs(a.dir, a.has("--encrypt"));
-    out << "Wrote configuration files (" << targetConfigs().size() << ") to " << a.dir.string() << "\n";
+    std::set<std::string> files;
+    for (const TargetConfig& c : targetConfigs()) files.insert(c.file);
+    out << "Wrote configuration files (" << files.size() << ") to " << a.dir.string() << "\n";
     return kExitOk;
 }
 
@@ -139,15 +231,38 @@ int commandStandIns(const std::vector<std::string>& args, std::ostream& out) {
 
 }  // namespace
 
+// The adapters' names, wrapped below "      Adapters: ".
+static std::string adapterNames() {
+    std::string names, line = "      Adapters: ";
+    for (const tfjs::Adapter& a : tfjs::adapters()) {
+        if (line.size() + a.name.size() + 2 > 88) {
+            names += line + "\n";
+            line = "        ";
+        }
+        line += a.name + ", ";
+    }
+    return names + line.substr(0, line.size() - 2) + ".\n";
+}
+
 std::string usageText() {
     return "Usage: quillon-pkg <command> [arguments]\n"
            "\n"
            "Writes model packages: configuration files and helper networks.\n"
            "\n"
            "Commands:\n"
-           "  default <dir> [--encrypt]\n"
+           "  default <dir> [--encrypt] [--networks <folder>] [--with <model>]...\n"
            "      The default package: <dir>/config (the sixteen configuration files, the host's\n"
-           "      data folder) and <dir>/models (imgcvt networks and stand-ins, the aux folder).\n"
+           "      data folder) and <dir>/models (imgcvt networks, stand-ins and the real networks\n"
+           "      found in the networks folder, listed in networks.json and NETWORKS.md; the aux\n"
+           "      folder). The networks folder is --networks, else $QUILLON_NETWORKS, else\n"
+           "      " QUILLON_DEFAULT_NETWORKS ".\n"
+           "      GPL-licensed networks are written only when named with --with.\n"
+           "  import <model.json> -o <out.onnx> [--adapter <name>] [--input-shape NAME=1xHxWxC]...\n"
+           "         [--const NAME=V[,V...]]...\n"
+           "      One TensorFlow.js network to ONNX: plain (inputs and outputs its own, 4-D ones\n"
+           "      N,C,H,W) or through an adapter to a model family's inputs and outputs.\n"
+           "      --input-shape fixes free extents (TensorFlow order); --const fixes an input.\n"
+           + adapterNames() +
            "  imgcvt <dir> [--pair <A>_TO_<B>]...\n"
            "      Into <dir>/imgcvt: every format conversion, resize_<type>_<layout>,\n"
            "      CONVERT_GAMMA_<type> and GET_IMAGE_STATS_<type>; with --pair only those conversions.\n"
@@ -165,13 +280,15 @@ std::string usageText() {
            "Formats are <layout>-<type>-<channels>: layout HWC or CHW, type U8, F16 or F32,\n"
            "channels RGB, RGBA, R, RG, ARGB or BGR. Example: HWC-U8-RGBA_TO_CHW-F16-RGB.\n"
            "\n"
-           "Exit status: 0 done, 1 a file or folder could not be written, 2 bad arguments.\n";
+           "Exit status: 0 done, 1 a file or folder could not be written or a network not\n"
+           "imported, 2 bad arguments.\n";
 }
 
 int runCli(const std::vector<std::string>& args, std::ostream& out, std::ostream& err) {
     static const std::map<std::string, std::function<int(const std::vector<std::string>&, std::ostream&)>>
         commands{{"default", commandDefault},       {"imgcvt", commandImgcvt},   {"config", commandConfig},
-                 {"normalizer", commandNormalizer}, {"sampler", commandSampler}, {"standins", commandStandIns}};
+                 {"normalizer", commandNormalizer}, {"sampler", commandSampler}, {"standins", commandStandIns},
+                 {"import", commandImport}};
     try {
         if (args.empty()) throw UsageError("no command given");
         bool help = args[0] == "help";

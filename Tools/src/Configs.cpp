@@ -22,13 +22,46 @@ TargetConfig standIn(int target, const char* file, const char* modelType, const 
     return c;
 }
 
+// An upscaler running imported ESRGAN networks "<id>_2x" and "<id>_4x": input tiles of 128,
+// overlap 8 input pixels (in output pixels, a multiple of each scale).
+TargetConfig esrganUpscaler(const std::string& id, const std::string& name, const std::string& source) {
+    TargetConfig c;
+    c.target = 2;
+    c.file = "upres_config.json";
+    c.modelType = "plksr";
+    c.modelId = id;
+    c.displayName = name;
+    c.description = "Trained super-resolution network from " + source +
+                    " at x2 and x4; other factors resampled from the next larger scale.";
+    c.execH = c.execW = 128;
+    c.params["scales"] = nlohmann::json::array({{{"scale", 2}, {"tile_size", 128}, {"padding", 16}},
+                                                {{"scale", 4}, {"tile_size", 128}, {"padding", 32}}});
+    return c;
+}
+
+// A same-size enhancement: the x2 network after an area downscale by 2.
+TargetConfig esrganEnhancer() {
+    TargetConfig c;
+    c.target = 2;
+    c.file = "upres_config.json";
+    c.modelType = "esrgan";
+    c.modelId = "esrgan_medium_enhance";
+    c.displayName = "ESRGAN medium enhance (x1)";
+    c.description = "Same-size detail enhancement: area downscale by 2, then the trained x2 network of "
+                    "@upscalerjs/esrgan-medium.";
+    c.execH = c.execW = 256;
+    return c;
+}
+
 }  // namespace
 
 const std::vector<TargetConfig>& targetConfigs() {
     static const std::vector<TargetConfig> configs = [] {
         std::vector<TargetConfig> v{
             standIn(1, "denoiser_config.json", "fdvd", "denoiser"),
-            standIn(2, "upres_config.json", "plksr", "upres"),
+            esrganUpscaler("esrgan_medium", "ESRGAN medium (x2, x4)", "@upscalerjs/esrgan-medium"),
+            esrganUpscaler("esrgan_thick", "ESRGAN thick (x2, x4)", "@upscalerjs/esrgan-thick"),
+            esrganEnhancer(),
             standIn(3, "optical_flow_config.json", "raft", "optical_flow"),
             standIn(4, "mask_propagation_config.json", "qt", "mask_propagation"),
             standIn(5, "retiming_config.json", "rife", "retiming"),
@@ -57,25 +90,32 @@ const std::vector<TargetConfig>& targetConfigs() {
     return configs;
 }
 
-std::string configText(const TargetConfig& c) {
-    nlohmann::json model = {
-        {"modelType", c.modelType},
-        {"modelId", c.modelId},
-        {"modelDisplayName", c.displayName},
-        {"modelDescription", c.description},
-        {"params", {{"availableTileSizes", nlohmann::json::array({{{"execH", c.execH}, {"execW", c.execW}}})}}},
-    };
-    if (c.inGamma > 0.0f) model["inGamma"] = c.inGamma;
-    const nlohmann::json file = {{"availableModels", nlohmann::json::array({model})}};
+std::string configText(const std::vector<TargetConfig>& models) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const TargetConfig& c : models) {
+        nlohmann::json params = c.params;
+        params["availableTileSizes"] = nlohmann::json::array({{{"execH", c.execH}, {"execW", c.execW}}});
+        nlohmann::json model = {
+            {"modelType", c.modelType},       {"modelId", c.modelId}, {"modelDisplayName", c.displayName},
+            {"modelDescription", c.description}, {"params", params},
+        };
+        if (c.inGamma > 0.0f) model["inGamma"] = c.inGamma;
+        list.push_back(std::move(model));
+    }
+    const nlohmann::json file = {{"availableModels", list}};
     return file.dump(2) + "\n";
 }
 
 void writeConfigs(const std::filesystem::path& configFolder, bool encrypt) {
     makeFolder(configFolder);
-    for (const TargetConfig& c : targetConfigs()) {
-        const std::string text = configText(c);
-        writeFileAtomic(configFolder / c.file, text);
-        if (encrypt) writeEncryptedTwin(configFolder / c.file, text);
+    const std::vector<TargetConfig>& all = targetConfigs();
+    for (size_t first = 0; first < all.size();) {
+        size_t end = first + 1;
+        while (end < all.size() && all[end].file == all[first].file) ++end;
+        const std::string text = configText(std::vector<TargetConfig>(all.begin() + first, all.begin() + end));
+        writeFileAtomic(configFolder / all[first].file, text);
+        if (encrypt) writeEncryptedTwin(configFolder / all[first].file, text);
+        first = end;
     }
 }
 

@@ -1,12 +1,15 @@
 #pragma once
-// The sixteen target configuration files: JSON objects with one model under "availableModels".
+// The sixteen target configuration files: JSON objects with the target's models under
+// "availableModels".
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace qpkg {
 
-// One target and the model its file offers.
+// One model that a target's file offers.
 struct TargetConfig {
     int target = 0;
     std::string file;  // "depth_config.json"
@@ -17,13 +20,15 @@ struct TargetConfig {
     int execH = 0;  // the model's single tile size
     int execW = 0;
     float inGamma = -1.0f;  // written only when positive
+    nlohmann::json params = nlohmann::json::object();  // family-specific entries beside the tile sizes
 };
 
-// All targets, in the order the plug-in reads their files.
+// The models of all targets, in the order the plug-in reads their files; models of one file are
+// adjacent, in the order the file lists them.
 const std::vector<TargetConfig>& targetConfigs();
 
-// The file's text: {"availableModels": [{...}]}, indented, keys sorted, ending in a line feed.
-std::string configText(const TargetConfig& config);
+// A file's text: {"availableModels": [{...}, ...]}, indented, keys sorted, ending in a line feed.
+std::string configText(const std::vector<TargetConfig>& models);
 
 // Writes every configuration file into the folder; with encrypt also its encrypted twin.
 void writeConfigs(const std::filesystem::path& configFolder, bool encrypt);

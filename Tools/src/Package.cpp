@@ -1,5 +1,7 @@
 #include "Package.h"
 
+#include <cstdlib>
+
 #include "Configs.h"
 #include "Conversion.h"
 #include "GammaStats.h"
@@ -7,6 +9,12 @@
 #include "StandIns.h"
 
 namespace qpkg {
+
+std::filesystem::path defaultNetworksFolder() {
+    const char* env = std::getenv("QUILLON_NETWORKS");
+    if (env && *env) return env;
+    return QUILLON_DEFAULT_NETWORKS;
+}
 
 std::filesystem::path configFolderOf(const std::filesystem::path& packageDir) { return packageDir / "config"; }
 
@@ -18,10 +26,24 @@ void writeImgcvt(const std::filesystem::path& modelFolder) {
     writeGammaAndStatsNetworks(modelFolder);
 }
 
+std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packageDir, const PackageOptions& options) {
+    const std::filesystem::path models = modelFolderOf(packageDir);
+    writeConfigs(configFolderOf(packageDir), options.encrypt);
+    writeImgcvt(models);
+    writeStandIns(models);
+    tfjs::RealNetworks real;
+    if (!options.networks.empty())
+        real = tfjs::writeRealNetworks(models, options.networks, options.sources ? *options.sources : tfjs::networkSources(),
+                                       options.with);
+    for (const std::string& id : standInModelIds()) real.records.push_back({id, false, "quillon-pkg", "", "", "", ""});
+    tfjs::writeNetworkIndex(models, real.records);
+    return real.notes;
+}
+
 void writeDefaultPackage(const std::filesystem::path& packageDir, bool encrypt) {
-    writeConfigs(configFolderOf(packageDir), encrypt);
-    writeImgcvt(modelFolderOf(packageDir));
-    writeStandIns(modelFolderOf(packageDir));
+    PackageOptions options;
+    options.encrypt = encrypt;
+    writeDefaultPackage(packageDir, options);
 }
 
 }  // namespace qpkg

@@ -1,6 +1,10 @@
 #pragma once
 // Whole packages and groups of networks, as the command line offers them.
 #include <filesystem>
+#include <string>
+#include <vector>
+
+#include "Import/NetworkSources.h"
 
 namespace qpkg {
 
@@ -11,7 +15,23 @@ std::filesystem::path modelFolderOf(const std::filesystem::path& packageDir);   
 // Every network of <modelFolder>/imgcvt: all conversions, resize, gamma and statistics.
 void writeImgcvt(const std::filesystem::path& modelFolder);
 
-// The default package: configuration files, helper networks and stand-ins.
+// Where the real networks are unless the user says: $QUILLON_NETWORKS, else the source tree's
+// .deps/networks (scripts/setup unpacks them there).
+std::filesystem::path defaultNetworksFolder();
+
+struct PackageOptions {
+    bool encrypt = false;
+    // Folder of the real networks (<folder>/<package folder>/<file>); empty: stand-ins only.
+    std::filesystem::path networks;
+    std::vector<std::string> with;  // GPL networks to include, by model id
+    // The real networks to write; nullptr: tfjs::networkSources().
+    const std::vector<tfjs::NetworkSource>* sources = nullptr;
+};
+
+// The default package: configuration files, helper networks, stand-ins, the real networks found
+// and models/networks.json with NETWORKS.md. Returns lines for the user: networks left out, why.
+std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packageDir, const PackageOptions& options);
+// Stand-ins only.
 void writeDefaultPackage(const std::filesystem::path& packageDir, bool encrypt);
 
 }  // namespace qpkg

@@ -35,6 +35,10 @@ onnx::ModelProto buildDepthColorize() {
     return g.build();
 }
 
+std::vector<std::string> standInModelIds() {
+    return {kDepthStandInId, std::string(kDepthStandInId) + "_colorize"};
+}
+
 void writeStandIns(const std::filesystem::path& modelFolder) {
     makeFolder(modelFolder);
     writeModel(buildDepthStandIn(), modelFolder / (std::string(kDepthStandInId) + ".onnx"));

@@ -9,6 +9,7 @@
 //                                channel k (R, G, B) = clamp(1.5 - |4d - (3 - k)|, 0, 1)
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include <onnx/onnx_pb.h>
 
@@ -20,6 +21,9 @@ constexpr float kLumaWeights[3] = {0.2126f, 0.7152f, 0.0722f};
 
 onnx::ModelProto buildDepthStandIn();
 onnx::ModelProto buildDepthColorize();
+
+// Model ids of the stand-in files (<id>.onnx) that writeStandIns writes.
+std::vector<std::string> standInModelIds();
 
 // Writes every stand-in network straight into the model folder.
 void writeStandIns(const std::filesystem::path& modelFolder);

@@ -126,7 +126,7 @@ TEST(CliCommands, ListHelpDemoAndBench) {
         std::string arguments;
         std::vector<const char*> fragments;
     } cases[] = {
-        {"list", {"ort_cpu (default)", "depth (9)", "depth_standin", "256x256"}},
+        {"list", {"ort_cpu (default)", "depth (9)", "id depth_standin  tile 256x256  stand-in"}},
         {"--help", {"Exit codes", "ID[.INDEX][:TYPE]=VALUE"}},
         {"demo --out " + quote(dir / "demo"), {"depth.exr"}},
         {"bench --frames 1 --size 64x48", {"Through the plug-in:", "Network alone (ORT):", "Plug-in overhead:"}},
@@ -140,6 +140,25 @@ TEST(CliCommands, ListHelpDemoAndBench) {
     EXPECT_EQ(std::tuple(sample.width(), sample.height()), std::tuple(640, 360));
     EXPECT_EQ(readImage(dir / "demo" / "depth.exr").channels(), 1);
     EXPECT_TRUE(std::filesystem::exists(dir / "demo" / "depth_colour.png"));
+}
+
+// A model whose networks networks.json records as imported (its id, or its id and a scale) shows
+// their source; others are stand-ins.
+TEST(CliCommands, ListShowsRealNetworksFromTheIndex) {
+    TempDir dir;
+    std::filesystem::copy(std::filesystem::path(QUILLON_TEST_PACKAGE_DIR) / "config", dir / "config");
+    std::filesystem::create_directories(dir / "models");
+    std::ofstream(dir / "models" / "networks.json")
+        << R"({"models": {"depth_standin": {"kind": "imported", "source": "depth@2.0.0", "licence": "MIT"},
+                         "esrgan_thick_4x": {"kind": "imported", "source": "thick@1.0.0", "licence": "MIT"},
+                         "esrgan_medium_enhance": {"kind": "stand-in", "source": "quillon-pkg"}}})";
+    const RunResult r = runQuillon("list", dir.path());
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_NE(r.output.find("id depth_standin  tile 256x256  network depth@2.0.0, MIT\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("id esrgan_thick  tile 128x128  network thick@1.0.0, MIT\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("id esrgan_medium  tile 128x128  stand-in\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("id esrgan_medium_enhance  tile 256x256  stand-in\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("id denoiser_standin  tile 256x256  stand-in\n"), std::string::npos) << r.output;
 }
 
 TEST(CliErrorPath, OnePlainLineTheExitCodeAndNoOutput) {

@@ -29,8 +29,11 @@ TEST(Cli, HelpListsTheCommands) {
     const CliResult r = runPkg("--help");
     EXPECT_EQ(r.code, 0);
     EXPECT_EQ(runPkg("sampler --help").out, r.out);
-    for (const char* cmd : {"default", "imgcvt", "config", "normalizer", "sampler", "standins"})
-        EXPECT_NE(r.out.find(std::string("  ") + cmd + " <dir>"), std::string::npos) << cmd;
+    for (const char* cmd : {"default <dir>", "imgcvt <dir>", "config <dir>", "normalizer <dir>", "sampler <dir>",
+                            "standins <dir>", "import <model.json>"})
+        EXPECT_NE(r.out.find(std::string("  ") + cmd), std::string::npos) << cmd;
+    for (const char* name : {"esrgan-medium-x2", "esrgan-thick-x4", "esrgan-medium-enhance"})
+        EXPECT_NE(r.out.find(name), std::string::npos) << name;
 }
 
 TEST(Cli, BadArgumentsAreUsageErrors) {

@@ -9,27 +9,42 @@
 
 using namespace tooltest;
 
-TEST(ConfigFiles, SixteenFilesWithOneWellFormedModelEach) {
+TEST(ConfigFiles, SixteenFilesOfWellFormedModels) {
     const std::vector<std::string> files = listFiles(packageConfigFolder());
     EXPECT_EQ(files.size(), 16u);
     for (const std::string& file : files) {
         SCOPED_TRACE(file);
         EXPECT_EQ(file.substr(file.size() - 12), "_config.json");
         const nlohmann::json j = nlohmann::json::parse(ML::readBinaryFile(packageConfigFolder() / file));
-        ASSERT_EQ(j.at("availableModels").size(), 1u);
+        ASSERT_GE(j.at("availableModels").size(), 1u);
+        for (const nlohmann::json& m : j["availableModels"]) {
+            for (const char* k : {"modelType", "modelId", "modelDisplayName", "modelDescription"})
+                EXPECT_FALSE(m.at(k).get<std::string>().empty()) << k;
+            const nlohmann::json& tiles = m.at("params").at("availableTileSizes");
+            ASSERT_EQ(tiles.size(), 1u);
+            EXPECT_GT(tiles[0].at("execH").get<int>(), 0);
+            EXPECT_GT(tiles[0].at("execW").get<int>(), 0);
+        }
         const nlohmann::json& m = j["availableModels"][0];
-        for (const char* k : {"modelType", "modelId", "modelDisplayName", "modelDescription"})
-            EXPECT_FALSE(m.at(k).get<std::string>().empty()) << k;
         const nlohmann::json& tiles = m.at("params").at("availableTileSizes");
-        ASSERT_EQ(tiles.size(), 1u);
-        EXPECT_GT(tiles[0].at("execH").get<int>(), 0);
-        EXPECT_GT(tiles[0].at("execW").get<int>(), 0);
         // Depth names its stand-in networks, with their tile.
-        if (file != "depth_config.json") continue;
-        EXPECT_EQ(m["modelType"], "da2");
-        EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":256,"execW":256}])"));
-        for (const char* suffix : {".onnx", "_colorize.onnx"})
-            EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
+        if (file == "depth_config.json") {
+            EXPECT_EQ(m["modelType"], "da2");
+            EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":256,"execW":256}])"));
+            for (const char* suffix : {".onnx", "_colorize.onnx"})
+                EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
+        }
+        // Upscalers: every scale's padding is a whole number of its output pixels, and the
+        // network of each scale is in the package.
+        for (const nlohmann::json& model : j["availableModels"]) {
+            if (model["modelType"] != "plksr") continue;
+            for (const nlohmann::json& s : model["params"].at("scales")) {
+                const int scale = s.at("scale");
+                EXPECT_EQ(s.at("padding").get<int>() % scale, 0);
+                EXPECT_TRUE(fs::exists(packageModelFolder() / (model["modelId"].get<std::string>() + "_" +
+                                                               std::to_string(scale) + "x.onnx")));
+            }
+        }
     }
 }
 

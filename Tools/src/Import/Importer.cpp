@@ -11,13 +11,14 @@ namespace {
 
 bool isGraphModel(const Model& model) { return model.format == "graph-model"; }
 
-// Dims of a graph input or output: fixed extents, symbols where free.
-Dims dimsOf(const TensorSignature& s) {
+// Dims of a graph input or output: fixed extents, symbols where free. Outputs take symbols of
+// their own (prefix), since an output's free extent need not equal the input's (an upscaler).
+Dims dimsOf(const TensorSignature& s, const std::string& prefix = "") {
     static const char* const kSymbols[] = {"N", "C", "H", "W"};
     Dims dims;
     for (size_t i = 0; i < s.shape.size(); ++i) {
         if (s.shape[i] >= 0) dims.push_back(Dim::fixed(s.shape[i]));
-        else dims.push_back(Dim::named(s.shape.size() == 4 ? kSymbols[i] : s.name + "_d" + std::to_string(i)));
+        else dims.push_back(Dim::named(s.shape.size() == 4 ? prefix + kSymbols[i] : s.name + "_d" + std::to_string(i)));
     }
     return dims;
 }
@@ -61,7 +62,7 @@ onnx::ModelProto importModel(const Model& model, const ImportOptions& options) {
     for (const TensorSignature& s : networkOutputs(model, options)) {
         const auto it = outputs.find(s.name);
         if (it == outputs.end()) throw ImportError(model.file.string() + ": output " + s.name + " was not produced");
-        g.output(it->second, s.name, mlTypeOf(s.elemType, s.name), dimsOf(s));
+        g.output(it->second, s.name, mlTypeOf(s.elemType, s.name), dimsOf(s, "out"));
     }
     try {
         return g.build();
