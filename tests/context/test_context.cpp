@@ -250,12 +250,15 @@ protected:
 
 TEST_F(Targets, EveryTargetHasItsModelsAndQueries) {
     const auto& p = params();
-    for (int target = 1; target <= 16; ++target) EXPECT_EQ(p.getIntPluginParam(target, 100, 0), 1) << target;
+    // Upscaling offers three models, every other target one.
+    for (int target = 1; target <= 16; ++target)
+        EXPECT_EQ(p.getIntPluginParam(target, 100, 0), target == 2 ? 3 : 1) << target;
     // target, query, model index, answer
     for (const auto& [target, query, index, answer] : {std::tuple{42, 100, 0, 0}, {9, 104, 0, 256}, {9, 105, 0, 256},
-                                                       {9, 104, 5, -1}})
+                                                       {9, 104, 5, -1}, {2, 104, 2, 256}})
         EXPECT_EQ(p.getIntPluginParam(target, query, index), answer) << target << " " << query << " " << index;
     EXPECT_EQ(ML::toStd(p.getStringPluginParam(9, 102, 0)), "depth_standin");
+    EXPECT_EQ(ML::toStd(p.getStringPluginParam(2, 102, 1)), "esrgan_thick");
     EXPECT_EQ(ML::toStd(p.getStringPluginParam(9, 101, 7)), "");
     EXPECT_EQ(p.end, nullptr);
     try {
