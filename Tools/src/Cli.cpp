@@ -160,8 +160,9 @@ int commandImport(const std::vector<std::string>& args, std::ostream& out) {
         const auto [name, value] = splitAssignment("--input-shape", s);
         std::vector<int64_t>& shape = options.inputShapes[name];
         for (double d : numbers("--input-shape", value, 'x')) {
-            if (d < 1 || d > (1 << 20) || d != static_cast<double>(static_cast<int64_t>(d)))
-                throw UsageError("--input-shape " + s + ": extents must be whole numbers from 1");
+            // -1 leaves an extent free (a recurrent state input of unknown size, for example).
+            if ((d < 1 && d != -1) || d > (1 << 20) || d != static_cast<double>(static_cast<int64_t>(d)))
+                throw UsageError("--input-shape " + s + ": extents must be whole numbers from 1, or -1 for a free one");
             shape.push_back(static_cast<int64_t>(d));
         }
     }
@@ -247,7 +248,8 @@ static std::string adapterNames() {
 std::string usageText() {
     return "Usage: quillon-pkg <command> [arguments]\n"
            "\n"
-           "Writes model packages: configuration files and helper networks.\n"
+           "Writes model packages: configuration files, helper networks, stand-ins and networks\n"
+           "imported from TensorFlow.js.\n"
            "\n"
            "Commands:\n"
            "  default <dir> [--encrypt] [--networks <folder>] [--with <model>]...\n"
@@ -261,7 +263,8 @@ std::string usageText() {
            "         [--const NAME=V[,V...]]...\n"
            "      One TensorFlow.js network to ONNX: plain (inputs and outputs its own, 4-D ones\n"
            "      N,C,H,W) or through an adapter to a model family's inputs and outputs.\n"
-           "      --input-shape fixes free extents (TensorFlow order); --const fixes an input.\n"
+           "      --input-shape gives an input's extents (TensorFlow order, -1 free); --const fixes\n"
+           "      an input to values, so that conditionals on it are resolved at import time.\n"
            + adapterNames() +
            "  imgcvt <dir> [--pair <A>_TO_<B>]...\n"
            "      Into <dir>/imgcvt: every format conversion, resize_<type>_<layout>,\n"

@@ -323,7 +323,7 @@ private:
                 names += (names.empty() ? "" : ", ") + input;
             ctx_.fail("the condition of this conditional is known only at run time" +
                       (names.empty() ? std::string() : "; it depends on " + names) +
-                      ": fix them through ImportOptions::inputConstants to resolve the conditional at import time");
+                      ": give them fixed values at import time (quillon-pkg import --const NAME=VALUE)");
         }
         std::vector<ValuePtr> outs;
         try {

@@ -186,8 +186,8 @@ std::vector<ValuePtr> ops::switchOp(Context& c) {
     Value& pred = c.in(1);
     if (!pred.isConst())
         c.fail(
-            "the condition of this conditional is known only at run time; fix the inputs it depends on "
-            "(ImportOptions::inputConstants) so that it can be resolved when the graph is imported");
+            "the condition of this conditional is known only at run time; give the inputs it depends on "
+            "fixed values at import time (quillon-pkg import --const NAME=VALUE)");
     const bool taken = c.constant(pred, "the condition").v.at(0) != 0;
     return taken ? std::vector<ValuePtr>{c.deadValue(), c.inputs[0]}
                  : std::vector<ValuePtr>{c.inputs[0], c.deadValue()};

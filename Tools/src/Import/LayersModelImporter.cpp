@@ -67,14 +67,6 @@ struct Context {
     }
 };
 
-onnx::AttributeProto attrFloat(const std::string& name, float value) {
-    onnx::AttributeProto a;
-    a.set_name(name);
-    a.set_type(onnx::AttributeProto::FLOAT);
-    a.set_f(value);
-    return a;
-}
-
 int64_t integer(const json& j, const std::string& what) {
     if (!j.is_number_integer()) throw ImportError(what + " is not an integer");
     return j.get<int64_t>();
