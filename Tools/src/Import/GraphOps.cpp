@@ -160,15 +160,17 @@ const std::map<std::string, Converter>& converters() {
 std::string base64Decode(const std::string& in) {
     static const std::string chars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
-    int bits = 0, acc = 0;
+    int bits = 0;
+    uint32_t acc = 0;  // fewer than 8 pending bits between characters
     for (char ch : in) {
         const size_t k = chars.find(ch);
         if (k == std::string::npos) continue;  // padding and line breaks
-        acc = (acc << 6) | static_cast<int>(k);
+        acc = (acc << 6) | static_cast<uint32_t>(k);
         bits += 6;
         if (bits >= 8) {
             bits -= 8;
             out.push_back(static_cast<char>((acc >> bits) & 0xff));
+            acc &= (1u << bits) - 1;
         }
     }
     return out;
