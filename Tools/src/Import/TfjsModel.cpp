@@ -25,16 +25,14 @@ std::string readFile(const fs::path& path, const std::string& what) {
 }
 
 // Bytes of the shards of one manifest group, in order.
-std::string readGroup(const fs::path& folder, const nlohmann::json& paths, const fs::path& modelFile) {
+std::string readGroup(const fs::path& folder, const nlohmann::json& paths, const fs::path& modelFile,
+                      const ShardReader& readShard) {
     if (!paths.is_array() || paths.empty())
         throw ImportError(modelFile.string() + ": a weights manifest group has no \"paths\"");
     std::string bytes;
     for (const nlohmann::json& p : paths) {
         if (!p.is_string()) throw ImportError(modelFile.string() + ": a shard path is not a string");
-        const fs::path shard = folder / p.get<std::string>();
-        if (!fs::is_regular_file(shard))
-            throw ImportError(modelFile.string() + ": weight shard " + shard.string() + " is missing");
-        bytes += readFile(shard, "weight shard");
+        bytes += readShard(folder / p.get<std::string>());
     }
     return bytes;
 }
@@ -87,10 +85,10 @@ Weight decodeWeight(const nlohmann::json& entry, const std::string& bytes, size_
         const char* p = take(n * size);
         if (w.type == WeightType::Float32) {
             w.f32.resize(n);
-            std::memcpy(w.f32.data(), p, n * 4);
+            if (n) std::memcpy(w.f32.data(), p, n * 4);
         } else if (w.type == WeightType::Int32) {
             w.i32.resize(n);
-            std::memcpy(w.i32.data(), p, n * 4);
+            if (n) std::memcpy(w.i32.data(), p, n * 4);
         } else {
             w.i32.resize(n);
             for (size_t i = 0; i < n; ++i) w.i32[i] = p[i] != 0;
@@ -99,7 +97,8 @@ Weight decodeWeight(const nlohmann::json& entry, const std::string& bytes, size_
         if (w.type != WeightType::Float32)
             throw ImportError(where + ": weight " + w.name + " is float16-quantised but not float32");
         w.half.resize(n);
-        std::memcpy(w.half.data(), take(n * 2), n * 2);
+        const char* p = take(n * 2);
+        if (n) std::memcpy(w.half.data(), p, n * 2);
         w.f32.resize(n);
         for (size_t i = 0; i < n; ++i) w.f32[i] = halfToFloat(w.half[i]);
     } else if (qtype == "uint8" || qtype == "uint16") {
@@ -145,9 +144,16 @@ float halfToFloat(uint16_t h) {
 }
 
 Model readModel(const fs::path& modelJson) {
+    return parseModel(readFile(modelJson, "model file"), modelJson, [&](const fs::path& shard) {
+        if (!fs::is_regular_file(shard))
+            throw ImportError(modelJson.string() + ": weight shard " + shard.string() + " is missing");
+        return readFile(shard, "weight shard");
+    });
+}
+
+Model parseModel(const std::string& text, const fs::path& modelJson, const ShardReader& readShard) {
     Model m;
     m.file = modelJson;
-    const std::string text = readFile(modelJson, "model file");
     try {
         m.document = nlohmann::json::parse(text);
     } catch (const nlohmann::json::exception& e) {
@@ -169,7 +175,7 @@ Model readModel(const fs::path& modelJson) {
 
         const fs::path folder = modelJson.parent_path();
         for (const nlohmann::json& group : m.document.value("weightsManifest", nlohmann::json::array())) {
-            const std::string bytes = readGroup(folder, group.at("paths"), modelJson);
+            const std::string bytes = readGroup(folder, group.at("paths"), modelJson, readShard);
             size_t offset = 0;
             for (const nlohmann::json& entry : group.at("weights")) {
                 Weight w = decodeWeight(entry, bytes, offset, where);

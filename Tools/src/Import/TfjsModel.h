@@ -8,6 +8,7 @@
 // (value = q * scale + min, rounded when the original type is int32).
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -49,6 +50,11 @@ struct Model {
 // Reads model.json and its shards. Bad JSON, a missing, short or over-long shard, an unknown
 // data type or quantisation end in ImportError naming the file.
 Model readModel(const std::filesystem::path& modelJson);
+
+// The same from the text of model.json; readShard gives the bytes of a shard named by the
+// manifest (a path beside the model file) or throws ImportError.
+using ShardReader = std::function<std::string(const std::filesystem::path& shard)>;
+Model parseModel(const std::string& text, const std::filesystem::path& modelJson, const ShardReader& readShard);
 
 // IEEE half to float and back (round to nearest even).
 float halfToFloat(uint16_t h);
