@@ -29,6 +29,7 @@ std::pair<int64_t, int64_t> hw(Context& c, const std::string& name, int64_t fall
     if (v.empty()) return {fallback, fallback};
     if (v.size() != 4) c.fail(name + " must have 4 entries");
     if (v[0] != 1 || v[3] != 1) c.fail(name + " over the batch or channel axis is not supported");
+    if (v[1] < 1 || v[2] < 1 || v[1] > (1 << 20) || v[2] > (1 << 20)) c.fail(name + " must be whole numbers from 1");
     return {v[1], v[2]};
 }
 
@@ -47,6 +48,12 @@ Window window(Context& c, const Value& x, std::pair<int64_t, int64_t> kernel, st
               std::pair<int64_t, int64_t> dilation, const std::string& padding,
               const std::vector<int64_t>& explicitPads = {}) {
     const auto [h, w] = spatial(x);
+    constexpr int64_t kLargest = int64_t{1} << 20;
+    for (const auto& [name, v] : {std::pair{"kernel", kernel}, std::pair{"strides", stride}, std::pair{"dilations", dilation}})
+        if (v.first < 1 || v.second < 1 || v.first > kLargest || v.second > kLargest)
+            c.fail(std::string(name) + " must be whole numbers from 1 to " + std::to_string(kLargest));
+    for (int64_t p : explicitPads)
+        if (p < 0 || p > kLargest) c.fail("explicit_paddings must be whole numbers from 0 to " + std::to_string(kLargest));
     Window out;
     auto extent = [](int64_t in, int64_t k, int64_t s, int64_t d, int64_t before, int64_t after) {
         return in < 0 ? int64_t{-1} : (in + before + after - ((k - 1) * d + 1)) / s + 1;
@@ -81,6 +88,8 @@ Window window(Context& c, const Value& x, std::pair<int64_t, int64_t> kernel, st
 std::vector<int64_t> filterShape(Context& c, const Value& filter) {
     if (!filter.staticShape() || filter.rank() != 4)
         c.fail("the filter's shape must be known when the graph is imported");
+    for (int64_t d : filter.shape)
+        if (d < 1) c.fail("the filter has an empty extent");
     return filter.shape;
 }
 
