@@ -89,5 +89,6 @@ TEST(Cli, WritesOnlyWhatWasAskedAndNoTemporaries) {
                                         "depth_standin.onnx", "depth_standin_colorize.onnx",
                                         "normalize-input_F16_1x64x32.onnx", "normalize-input_F16_2x8x8.onnx",
                                         "normalize-input_F32_1x64x32.onnx", "normalize-input_F32_2x8x8.onnx",
-                                        "upres_sampler_dynamic_F32.onnx"}));
+                                        "upres_sampler_dynamic_F32.onnx", "upres_standin_2x.onnx",
+                                        "upres_standin_4x.onnx", "upres_standin_enhance.onnx"}));
 }
