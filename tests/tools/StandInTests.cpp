@@ -103,12 +103,12 @@ TEST(UpresStandIn, BicubicAtEachScaleAndLocalToTiles) {
         const std::vector<float> want = bicubicReference(img, c.scale);
         for (size_t i = 0; i < want.size(); ++i) ASSERT_NEAR(up.values[i], want[i], 1e-3f) << c.file << " " << i;
         // A crop upscaled equals the upscale cropped, 2 source pixels away from the crop's edges.
-        const Tensor part = net.run1({crop(img, c.cy, c.cx, c.ch, c.cw)});
+        const Tensor tile = net.run1({crop(img, c.cy, c.cx, c.ch, c.cw)});
         const int64_t s = c.scale, m = 2 * s;
         for (int64_t ch = 0; ch < 3; ++ch)
             for (int64_t y = m; y < c.ch * s - m; ++y)
                 for (int64_t x = m; x < c.cw * s - m; ++x)
-                    ASSERT_EQ(at(part, ch, y, x), at(up, ch, c.cy * s + y, c.cx * s + x)) << c.file << " " << y << "," << x;
+                    ASSERT_EQ(at(tile, ch, y, x), at(up, ch, c.cy * s + y, c.cx * s + x)) << c.file << " " << y << "," << x;
     }
 }
 
