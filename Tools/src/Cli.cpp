@@ -214,8 +214,15 @@ int commandNormalizer(const std::vector<std::string>& args, std::ostream& out) {
 }
 
 int commandSampler(const std::vector<std::string>& args, std::ostream& out) {
-    const Arguments a = parseArguments("sampler", args, {"--type", "--size"}, {"--split"});
+    const Arguments a = parseArguments("sampler", args, {"--type", "--size"}, {"--split", "--dynamic"});
     const std::vector<ML::u32> types = typesOf(a);
+    if (a.has("--dynamic")) {
+        if (!a.all("--size").empty() || a.has("--split"))
+            throw UsageError("--dynamic takes neither --size nor --split");
+        for (ML::u32 t : types) writeDynamicSamplerNetwork(a.dir, t);
+        out << "Wrote dynamic sampler networks (" << types.size() << ") to " << a.dir.string() << "\n";
+        return kExitOk;
+    }
     const std::vector<TensorSize> sizes = sizesOf(a);
     for (ML::u32 t : types)
         for (const TensorSize& s : sizes) writeSamplerNetwork(a.dir, t, s, a.has("--split"));
@@ -274,9 +281,12 @@ std::string usageText() {
            "  normalizer <dir> --type F16|F32 --size NxHxW [--type ...] [--size ...]\n"
            "      normalize-input_<type>_<N>x<H>x<W> and denormalize-output_<type>_<N>x<H>x<W>.\n"
            "  sampler <dir> --type F16|F32 --size NxHxW [--type ...] [--size ...] [--split]\n"
-           "      upres_sampler_<type>_<N>x<H>x<W>; --split takes 13 parameters instead of 7.\n"
+           "  sampler <dir> --type F16|F32 [--type ...] --dynamic\n"
+           "      upres_sampler_<type>_<N>x<H>x<W>; --split takes 13 parameters instead of 7;\n"
+           "      --dynamic: upres_sampler_dynamic_<type>, free extents, output size from an input.\n"
            "  standins <dir>\n"
-           "      Stand-in networks of the effects (depth_standin, depth_standin_colorize).\n"
+           "      Stand-in networks of the effects (depth_standin, depth_standin_colorize,\n"
+           "      upres_standin_2x, upres_standin_4x, upres_standin_enhance).\n"
            "  --help\n"
            "      This text.\n"
            "\n"

@@ -39,6 +39,27 @@ TargetConfig esrganUpscaler(const std::string& id, const std::string& name, cons
     return c;
 }
 
+// The interpolating stand-in upscaler ("upres_standin_2x", "_4x"), tiled like the trained ones.
+TargetConfig upresStandIn() {
+    TargetConfig c = esrganUpscaler(kUpresStandInId, "Upscaling stand-in (bicubic x2, x4)", "");
+    c.description = "Bicubic interpolation at x2 and x4 as a stand-in network; other factors resampled from the "
+                    "next larger scale.";
+    return c;
+}
+
+// The same-size stand-in: a mild fixed sharpen.
+TargetConfig upresEnhanceStandIn() {
+    TargetConfig c;
+    c.target = 2;
+    c.file = "upres_config.json";
+    c.modelType = "esrgan";
+    c.modelId = std::string(kUpresStandInId) + "_enhance";
+    c.displayName = "Enhance stand-in (sharpen x1)";
+    c.description = "Same-size mild sharpen (a fixed 3x3 kernel) as a stand-in network.";
+    c.execH = c.execW = 256;
+    return c;
+}
+
 // A same-size enhancement: the x2 network after an area downscale by 2.
 TargetConfig esrganEnhancer() {
     TargetConfig c;
@@ -62,6 +83,8 @@ const std::vector<TargetConfig>& targetConfigs() {
             esrganUpscaler("esrgan_medium", "ESRGAN medium (x2, x4)", "@upscalerjs/esrgan-medium"),
             esrganUpscaler("esrgan_thick", "ESRGAN thick (x2, x4)", "@upscalerjs/esrgan-thick"),
             esrganEnhancer(),
+            upresStandIn(),
+            upresEnhanceStandIn(),
             standIn(3, "optical_flow_config.json", "raft", "optical_flow"),
             standIn(4, "mask_propagation_config.json", "qt", "mask_propagation"),
             standIn(5, "retiming_config.json", "rife", "retiming"),

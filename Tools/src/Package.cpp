@@ -6,6 +6,7 @@
 #include "Conversion.h"
 #include "GammaStats.h"
 #include "Resize.h"
+#include "Sampler.h"
 #include "StandIns.h"
 
 namespace qpkg {
@@ -31,6 +32,7 @@ std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packag
     writeConfigs(configFolderOf(packageDir), options.encrypt);
     writeImgcvt(models);
     writeStandIns(models);
+    for (ML::u32 t : {ML::F16, ML::F32}) writeDynamicSamplerNetwork(models, t);
     tfjs::RealNetworks real;
     if (!options.networks.empty())
         real = tfjs::writeRealNetworks(models, options.networks, options.sources ? *options.sources : tfjs::networkSources(),

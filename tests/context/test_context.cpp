@@ -250,15 +250,18 @@ protected:
 
 TEST_F(Targets, EveryTargetHasItsModelsAndQueries) {
     const auto& p = params();
-    // Upscaling offers three models, every other target one.
+    // Upscaling offers five models (two of them stand-ins), every other target one.
     for (int target = 1; target <= 16; ++target)
-        EXPECT_EQ(p.getIntPluginParam(target, 100, 0), target == 2 ? 3 : 1) << target;
+        EXPECT_EQ(p.getIntPluginParam(target, 100, 0), target == 2 ? 5 : 1) << target;
     // target, query, model index, answer
     for (const auto& [target, query, index, answer] : {std::tuple{42, 100, 0, 0}, {9, 104, 0, 256}, {9, 105, 0, 256},
-                                                       {9, 104, 5, -1}, {2, 104, 2, 256}})
+                                                       {9, 104, 5, -1}, {2, 104, 2, 256},
+                                                       {2, 104, 3, 128}, {2, 104, 4, 256}, {2, 104, 5, -1}})
         EXPECT_EQ(p.getIntPluginParam(target, query, index), answer) << target << " " << query << " " << index;
     EXPECT_EQ(ML::toStd(p.getStringPluginParam(9, 102, 0)), "depth_standin");
     EXPECT_EQ(ML::toStd(p.getStringPluginParam(2, 102, 1)), "esrgan_thick");
+    EXPECT_EQ(ML::toStd(p.getStringPluginParam(2, 102, 3)), "upres_standin");
+    EXPECT_EQ(ML::toStd(p.getStringPluginParam(2, 102, 4)), "upres_standin_enhance");
     EXPECT_EQ(ML::toStd(p.getStringPluginParam(9, 101, 7)), "");
     EXPECT_EQ(p.end, nullptr);
     try {

@@ -52,6 +52,8 @@ TEST(Cli, BadArgumentsAreUsageErrors) {
     expectError(runPkg("normalizer " + d + " --size 1x8x8"), 2, "--type");
     expectError(runPkg("normalizer " + d + " --type F16"), 2, "--size");
     expectError(runPkg("normalizer " + d + " --type F16 --size"), 2, "needs a value");
+    expectError(runPkg("sampler " + d + " --type F16 --dynamic --size 1x8x8"), 2, "--dynamic");
+    expectError(runPkg("sampler " + d + " --type F16 --dynamic --split"), 2, "--dynamic");
     for (const char* size : {"0x8x8", "1x-8x8", "1x8", "1x8x8x8", "axbxc", "1x8x", "99999999999x1x1", "1x65537x8"})
         expectError(runPkg(std::string("sampler ") + d + " --type F32 --size " + size), 2, size);
     // Nothing was written by any of these.
@@ -79,10 +81,14 @@ TEST(Cli, WritesOnlyWhatWasAskedAndNoTemporaries) {
     EXPECT_EQ(r.code, 0) << r.err;
     r = runPkg("standins " + quoted(other.path()));
     EXPECT_EQ(r.code, 0) << r.err;
+    r = runPkg("sampler " + quoted(other.path()) + " --type F32 --dynamic");
+    EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(listFiles(other.path()),
               (std::vector<std::string>{"denormalize-output_F16_1x64x32.onnx", "denormalize-output_F16_2x8x8.onnx",
                                         "denormalize-output_F32_1x64x32.onnx", "denormalize-output_F32_2x8x8.onnx",
                                         "depth_standin.onnx", "depth_standin_colorize.onnx",
                                         "normalize-input_F16_1x64x32.onnx", "normalize-input_F16_2x8x8.onnx",
-                                        "normalize-input_F32_1x64x32.onnx", "normalize-input_F32_2x8x8.onnx"}));
+                                        "normalize-input_F32_1x64x32.onnx", "normalize-input_F32_2x8x8.onnx",
+                                        "upres_sampler_dynamic_F32.onnx", "upres_standin_2x.onnx",
+                                        "upres_standin_4x.onnx", "upres_standin_enhance.onnx"}));
 }

@@ -412,7 +412,10 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
     EXPECT_EQ(kinds, (std::map<std::string, std::string>{{"depth_standin", "stand-in"},
                                                          {"depth_standin_colorize", "stand-in"},
                                                          {"esrgan_medium_2x", "imported"},
-                                                         {"esrgan_medium_enhance", "imported"}}));
+                                                         {"esrgan_medium_enhance", "imported"},
+                                                         {"upres_standin_2x", "stand-in"},
+                                                         {"upres_standin_4x", "stand-in"},
+                                                         {"upres_standin_enhance", "stand-in"}}));
     EXPECT_EQ(index["esrgan_medium_2x"]["source"], "@upscalerjs/esrgan-medium@1.0.0");
     EXPECT_EQ(index["esrgan_medium_2x"]["file"], "models/x2/model.json");
     EXPECT_EQ(index["esrgan_medium_2x"]["licence"], "MIT");
@@ -432,7 +435,7 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out.rfind("Real networks skipped: " + (dir / "elsewhere").string() + " does not exist", 0), 0u)
         << r.out;
-    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 2u);
+    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 5u);  // the stand-ins
 }
 
 TEST(RealNetworks, ImportCommandWritesAFileOrNothing) {

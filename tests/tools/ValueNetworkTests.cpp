@@ -1,6 +1,7 @@
 // Gamma, statistics, normaliser and sampler networks with known answers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <memory>
@@ -29,7 +30,7 @@ protected:
         dir_ = std::make_unique<TempDir>();
         const std::string plain = " \"" + (dir_->path() / "plain").string() + "\" --type F16 --type F32";
         ASSERT_EQ(runPkg("normalizer" + plain + " --size 2x8x12").code, 0);
-        ASSERT_EQ(runPkg("sampler" + plain + " --size 2x6x10").code, 0);
+        ASSERT_EQ(runPkg("sampler" + plain + " --size 2x6x10 --size 1x6x10").code, 0);
         const std::string split = " \"" + (dir_->path() / "split").string() + "\" --type F16 --type F32";
         ASSERT_EQ(runPkg("sampler" + split + " --size 2x6x10 --split").code, 0);
     }
@@ -128,5 +129,61 @@ TEST_F(FixedSizeNetworks, SamplerWithSplitParametersGivesTheSameResult) {
         const Tensor b =
             network("split", "upres_sampler", type, "2x6x10").run1({x, makeTensor(ML::F32, {1, 13, 1, 1}, split)});
         EXPECT_EQ(a.values, b.values) << typeName(type);
+    }
+}
+
+namespace {
+
+// The sampler's mapping along one axis of v (extent n), computed here: output position t reads
+// (t + a + 0.5 - origin) / scale + origin - 0.5 - c, clamped to the source, linearly interpolated.
+float sampleReference(const std::function<float(int)>& v, int n, int t, float a, float c, float origin, float scale) {
+    const float pos = std::clamp((static_cast<float>(t) + a + 0.5f - origin) / scale + origin - 0.5f - c, 0.0f,
+                                 static_cast<float>(n - 1));
+    const int i0 = static_cast<int>(std::floor(pos));
+    const int i1 = std::min(i0 + 1, n - 1);
+    return v(i0) + (v(i1) - v(i0)) * (pos - static_cast<float>(i0));
+}
+
+}  // namespace
+
+TEST_F(FixedSizeNetworks, DynamicSamplerMatchesTheReferenceAndTheFixedSampler) {
+    // A 1x3x6x10 source; rows give the parameters (a, b, c, d, originX, originY, scale) and the
+    // output width and height.
+    constexpr int hs = 6, ws = 10;
+    const struct { std::vector<float> params; int w, h; } cases[] = {
+        {{0, 0, 0, 0, 0, 0, 2}, 7, 5},
+        {{1, -2, 0, 1, 3, 2, 0.5f}, 4, 3},
+        {{5, 3, 2, 1, 4, 4, 1.5f}, 12, 9},
+        {{2, 1, 2, 1, 0, 0, 1}, ws, hs},
+        {{-3, 4, 1, 0, 2, 7, 2.75f}, ws, hs},
+    };
+    for (ML::u32 type : {ML::F16, ML::F32}) {
+        Network dynamic(packageModelFolder() / (std::string("upres_sampler_dynamic_") + typeName(type) + ".onnx"));
+        Network fixed = network("plain", "upres_sampler", type, "1x6x10");
+        Tensor src = makeTensor(type, {1, 3, hs, ws});
+        for (size_t i = 0; i < src.values.size(); ++i) src.values[i] = static_cast<float>((i * 37) % 101) / 100.0f;
+        src = makeTensor(type, src.shape, src.values);
+        for (const auto& c : cases) {
+            const std::string what = std::string(typeName(type)) + " scale " + std::to_string(c.params[6]);
+            const Tensor params = makeTensor(ML::F32, {1, 7, 1, 1}, c.params);
+            const Tensor got =
+                dynamic.run1({src, params, makeTensor(ML::I32, {1, 2, 1, 1}, {float(c.w), float(c.h)})});
+            ASSERT_EQ(got.shape, (std::vector<int64_t>{1, 3, c.h, c.w})) << what;
+            std::vector<float> want;
+            for (int ch = 0; ch < 3; ++ch)
+                for (int y = 0; y < c.h; ++y)
+                    for (int x = 0; x < c.w; ++x) {
+                        auto row = [&](int sy) {
+                            return sampleReference(
+                                [&](int sx) { return src.values[static_cast<size_t>((ch * hs + sy) * ws + sx)]; }, ws,
+                                x, c.params[0], c.params[2], c.params[4], c.params[6]);
+                        };
+                        want.push_back(sampleReference(row, hs, y, c.params[1], c.params[3], c.params[5], c.params[6]));
+                    }
+            expectNear(got, want, type == ML::F16 ? 1e-3f : 1e-5f, what);
+            if (c.w == ws && c.h == hs) {
+                EXPECT_EQ(got.values, fixed.run1({src, params}).values) << what;
+            }
+        }
     }
 }
