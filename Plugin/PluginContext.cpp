@@ -128,11 +128,11 @@ void PluginContext::registerModels() {
     registerModel<UnavailableModel>("sam");
     registerModel<DA2::Context>("da2");
     registerModel<UnavailableModel>("tgn");
-    registerModel<UnavailableModel>("plksr");
+    registerModel<PLKSR::Context>("plksr");
     registerModel<UnavailableModel>("nv_vsr");
     registerModel<UnavailableModel>("nv_hdr");
     registerModel<UnavailableModel>("rtmo");
-    registerModel<UnavailableModel>("esrgan");
+    registerModel<RRDBNet::Context>("esrgan");
     registerModel<UnavailableModel>("cotracker");
     registerModel<UnavailableModel>("photo_restoration");
     registerModel<UnavailableModel>("3d_heads");

@@ -1,0 +1,262 @@
+// The upscaling and same-size enhancement families end to end through mlMain, with the imported
+// ESRGAN networks of the default package on the ONNX Runtime CPU backend. The configuration
+// folder is a copy of the package's with one more upscaler whose x4 padding is not a multiple
+// of 4; the plug-in keeps the first folders it sees, so every test uses that copy.
+#include <gtest/gtest.h>
+
+#include <Imath/half.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "Host/CallSettings.h"
+#include "Host/Host.h"
+#include "Host/OwnedImage.h"
+#include "Plugin/PluginMain.h"
+
+namespace {
+
+using ML::Image;
+using ML::Rect;
+using ImagePtr = ML::Ptr<QHost::OwnedImage>;
+
+constexpr float kSentinel = -7.25f;
+constexpr int kUpscaler = 0, kEnhancer = 2, kBadPadding = 3;
+
+const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
+
+QHost::Host& host() {
+    static QHost::Host instance;
+    return instance;
+}
+
+struct PluginShutdown : ::testing::Environment {
+    void TearDown() override { mlShutdown(); }
+};
+const auto* const g_pluginShutdown = ::testing::AddGlobalTestEnvironment(new PluginShutdown);
+
+// The package's upscaler configuration plus a copy of its first model with an x4 padding of 30.
+const std::filesystem::path& configFolder() {
+    static const std::filesystem::path folder = [] {
+        const std::filesystem::path dir = std::filesystem::temp_directory_path() / "quillon_upres_family_config";
+        std::filesystem::create_directories(dir);
+        std::ifstream in(packageDir / "config" / "upres_config.json");
+        nlohmann::json config = nlohmann::json::parse(in);
+        nlohmann::json bad = config["availableModels"][kUpscaler];
+        bad["params"]["scales"][1]["padding"] = 30;
+        config["availableModels"].push_back(bad);
+        std::ofstream(dir / "upres_config.json") << config.dump();
+        return dir;
+    }();
+    return folder;
+}
+
+std::shared_ptr<QHost::CallSettings> upresSettings(int model, float factor, int mode = 4) {
+    auto settings = std::make_shared<QHost::CallSettings>(mode, 2);
+    settings->setModelIndex(model);
+    settings->setDataFolder(configFolder().string());
+    settings->setAuxFolder((packageDir / "models").string());
+    settings->setFrame(7);
+    settings->setFloatParam(200, 0, factor);
+    settings->setIntParam(202, 0, 0);
+    settings->setIntParam(203, 0, 0);
+    return settings;
+}
+
+// Smooth colours: low enough in frequency that a trained upscaler stays near bilinear.
+float pattern(float x, float y, int c) {
+    switch (c) {
+        case 0: return 0.2f + 0.6f * 0.5f * (1.0f + std::sin(x * 0.11f));
+        case 1: return 0.3f + 0.4f * 0.5f * (1.0f + std::cos(y * 0.13f));
+        default: return 0.5f + 0.3f * std::sin((x + y) * 0.07f);
+    }
+}
+
+float valueAt(const QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 c) {
+    switch (image.getDataType()) {
+        case ML::U8: return image.at<std::uint8_t>(x, y, c) / 255.0f;
+        case ML::F16: return static_cast<float>(image.at<Imath::half>(x, y, c));
+        default: return image.at<float>(x, y, c);
+    }
+}
+
+void setValue(QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 c, float v) {
+    if (image.getDataType() == ML::U8)
+        image.at<std::uint8_t>(x, y, c) = static_cast<std::uint8_t>(std::lround(std::clamp(v, 0.0f, 1.0f) * 255.0f));
+    else if (image.getDataType() == ML::F16)
+        image.at<Imath::half>(x, y, c) = Imath::half(v);
+    else
+        image.at<float>(x, y, c) = v;
+}
+
+ImagePtr patternImage(const Rect& rect, ML::u32 format, ML::u32 type) {
+    ImagePtr image = QHost::OwnedImage::make(rect, format, Image::HWC, type);
+    for (ML::i32 y = rect.y0; y < rect.y1; ++y)
+        for (ML::i32 x = rect.x0; x < rect.x1; ++x)
+            for (ML::u32 c = 0; c < image->channels(); ++c)
+                setValue(*image, x, y, c, c < 3 ? pattern(static_cast<float>(x), static_cast<float>(y), c) : 1.0f);
+    return image;
+}
+
+ImagePtr filledImage(const Rect& rect, ML::u32 format, ML::u32 type, float value) {
+    ImagePtr image = QHost::OwnedImage::make(rect, format, Image::HWC, type);
+    for (ML::i32 y = rect.y0; y < rect.y1; ++y)
+        for (ML::i32 x = rect.x0; x < rect.x1; ++x)
+            for (ML::u32 c = 0; c < image->channels(); ++c) setValue(*image, x, y, c, value);
+    return image;
+}
+
+// The input pattern bilinearly resampled by factor (pixel centres, edges clamped).
+float bilinear(const Rect& in, float factor, ML::i32 x, ML::i32 y, int c) {
+    const auto axis = [&](ML::i32 o, ML::i32 lo, ML::i32 hi, ML::i32& i0, float& t) {
+        const float p = std::clamp((static_cast<float>(o) + 0.5f) / factor - 0.5f, static_cast<float>(lo),
+                                   static_cast<float>(hi - 1));
+        i0 = std::min(static_cast<ML::i32>(std::floor(p)), hi - 2);
+        t = p - static_cast<float>(i0);
+    };
+    ML::i32 x0, y0;
+    float tx, ty;
+    axis(x, in.x0, in.x1, x0, tx);
+    axis(y, in.y0, in.y1, y0, ty);
+    const auto p = [&](ML::i32 px, ML::i32 py) { return pattern(static_cast<float>(px), static_cast<float>(py), c); };
+    return (1 - ty) * ((1 - tx) * p(x0, y0) + tx * p(x0 + 1, y0)) + ty * ((1 - tx) * p(x0, y0 + 1) + tx * p(x0 + 1, y0 + 1));
+}
+
+// Inside roi the output is near the bilinear reference: closely on average, loosely at the worst
+// pixel (the networks ring at image corners by up to 0.3); outside it still holds the sentinel.
+void expectNearReference(const QHost::OwnedImage& out, const Rect& roi, const Rect& in, float factor, float meanBound,
+                         float maxBound) {
+    const Rect r = out.getRect();
+    double sum = 0;
+    float worst = 0;
+    int count = 0, touchedOutside = 0;
+    for (ML::i32 y = r.y0; y < r.y1; ++y)
+        for (ML::i32 x = r.x0; x < r.x1; ++x)
+            for (int c = 0; c < 3; ++c) {
+                const float v = valueAt(out, x, y, c);
+                if (x < roi.x0 || x >= roi.x1 || y < roi.y0 || y >= roi.y1) {
+                    touchedOutside += v != kSentinel;
+                    continue;
+                }
+                const float d = std::fabs(v - bilinear(in, factor, x, y, c));
+                sum += d;
+                worst = std::max(worst, d);
+                ++count;
+            }
+    EXPECT_EQ(touchedOutside, 0);
+    if (count == 0) return;
+    EXPECT_LT(sum / count, meanBound);
+    EXPECT_LT(worst, maxBound);
+}
+
+void run(const std::shared_ptr<QHost::CallSettings>& settings) {
+    host().logger().clear();
+    ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
+}
+
+TEST(UpresFamilies, RefusedRendersLogTheirReason) {
+    struct Case {
+        const char* what;
+        int model;
+        float factor;
+        std::optional<Rect> output;  // none: no output image
+        Rect input;
+        std::string logged;
+        ML::i32 status = ML::STATUS_OTHER;
+    };
+    const Rect roi{0, 0, 64, 48}, half{0, 0, 32, 24};
+    const Case cases[] = {
+        {"factor 1", kUpscaler, 1.0f, roi, half, "upres factor must be > 1. host returned: 1.000000"},
+        {"factor 10.5", kUpscaler, 10.5f, roi, half, "upres factor must be <= 10. host returned: 10.500000"},
+        {"padding not a multiple of the scale", kBadPadding, 4.0f, roi, {0, 0, 16, 12},
+         "Model configuration error: Padding must be multiple of upres factor!"},
+        {"upscaler without output", kUpscaler, 2.0f, std::nullopt, half,
+         "[Quillon] [W] Attempting to render PLKSR without providing output image. nothing to do, returning!",
+         ML::STATUS_CANCELLED},
+        {"enhancer without output", kEnhancer, 2.0f, std::nullopt, roi,
+         "[Quillon] [W] Attempting to render RRDBNet without providing output image. nothing to do, returning!",
+         ML::STATUS_CANCELLED},
+        {"upscaler output smaller than the region", kUpscaler, 2.0f, Rect{0, 0, 63, 48}, half,
+         "Output rect (0,0->63,48) must cover ROI rect (0,0->64,48) for frame 7"},
+        {"upscaler input too small", kUpscaler, 2.0f, roi, {1, 0, 32, 24},
+         "Input rect (1,0->32,24) must cover minimum input rect (0,0->32,24) for output rect (0,0->64,48) w/ "
+         "upscale factor 2.000000"},
+        {"upscaler input too small at 2.5", kUpscaler, 2.5f, roi, {0, 0, 25, 18},
+         "Input rect (0,0->25,18) must cover minimum input rect (0,0->25,19) for output rect (0,0->64,48) w/ "
+         "upscale factor 2.500000"},
+        {"enhancer input too small", kEnhancer, 2.0f, roi, {0, 0, 64, 47},
+         "Input rect (0,0->64,47) must cover minimum input rect (0,0->64,48) for output rect (0,0->64,48)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto settings = upresSettings(c.model, c.factor);
+        settings->setRoi(7, roi);
+        settings->setInputImage(7, patternImage(c.input, Image::RGBA, ML::U8));
+        ImagePtr output;
+        if (c.output) {
+            output = filledImage(*c.output, Image::RGBA, ML::F32, kSentinel);
+            settings->setOutputImage(7, output);
+        }
+        host().logger().clear();
+        EXPECT_EQ(host().run(&mlMain, settings), c.status);
+        const auto errors = host().logger().linesWith("[Quillon] [E] ");
+        if (c.status == ML::STATUS_CANCELLED) {
+            EXPECT_TRUE(errors.empty());
+            EXPECT_TRUE(host().logger().contains(c.logged)) << testing::PrintToString(host().logger().lines());
+        } else {
+            ASSERT_EQ(errors.size(), 1u) << testing::PrintToString(host().logger().lines());
+            EXPECT_NE(errors[0].find(c.logged), std::string::npos) << errors[0];
+        }
+        if (output) expectNearReference(*output, Rect{}, c.input, 1.0f, 1.0f, 1.0f);
+    }
+}
+
+// At a trained scale the network's tiles land directly in the region: whole images, a region
+// inside a larger output, and widths of more than one tile.
+TEST(UpresFamilies, TrainedScaleUpscalesTheRegion) {
+    const struct {
+        float factor;
+        Rect input, output, roi;
+        ML::u32 inputFormat, inputType, outputType;
+    } cases[] = {
+        {2.0f, {0, 0, 40, 30}, {0, 0, 80, 60}, {0, 0, 80, 60}, Image::RGBA, ML::U8, ML::F32},
+        {2.0f, {0, 0, 40, 30}, {0, 0, 80, 60}, {10, 6, 70, 50}, Image::RGB, ML::F32, ML::F16},
+        {2.0f, {0, 0, 150, 24}, {0, 0, 300, 48}, {0, 0, 300, 48}, Image::RGBA, ML::U8, ML::F32},
+    };
+    for (const auto& p : cases) {
+        SCOPED_TRACE(p.roi.toString());
+        auto settings = upresSettings(kUpscaler, p.factor);
+        settings->setRoi(7, p.roi);
+        settings->setInputImage(7, patternImage(p.input, p.inputFormat, p.inputType));
+        ImagePtr output = filledImage(p.output, Image::RGBA, p.outputType, kSentinel);
+        settings->setOutputImage(7, output);
+        run(settings);
+        expectNearReference(*output, p.roi, p.input, p.factor, 0.03f, 0.4f);
+    }
+}
+
+// Same size: one zero-padded tile, and a width of two tiles.
+TEST(UpresFamilies, EnhancerKeepsTheImage) {
+    for (const Rect rect : {Rect{0, 0, 48, 40}, Rect{0, 0, 300, 32}}) {
+        SCOPED_TRACE(rect.toString());
+        auto settings = upresSettings(kEnhancer, 1.0f);
+        settings->setRoi(7, rect);
+        settings->setInputImage(7, patternImage(rect, Image::RGBA, ML::U8));
+        ImagePtr output = filledImage(rect, Image::RGBA, ML::F32, kSentinel);
+        settings->setOutputImage(7, output);
+        run(settings);
+        expectNearReference(*output, rect, rect, 1.0f, 0.03f, 0.4f);
+        const auto progress = settings->progress();
+        ASSERT_FALSE(progress.empty());
+        EXPECT_EQ(progress.front(), 0.0f);
+    }
+}
+
+}  // namespace
