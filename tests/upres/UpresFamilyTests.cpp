@@ -28,7 +28,10 @@ using ML::Rect;
 using ImagePtr = ML::Ptr<QHost::OwnedImage>;
 
 constexpr float kSentinel = -7.25f;
-constexpr int kUpscaler = 0, kEnhancer = 2, kBadPadding = 3;
+constexpr int kUpscaler = 0, kEnhancer = 2, kStandIn = 3;
+// Stands for the model with the bad padding, which the test appends after the package's own.
+constexpr int kBadPadding = -1;
+int g_badPadding = -1;
 
 const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
 
@@ -52,6 +55,7 @@ const std::filesystem::path& configFolder() {
         nlohmann::json bad = config["availableModels"][kUpscaler];
         bad["params"]["scales"][1]["padding"] = 30;
         config["availableModels"].push_back(bad);
+        g_badPadding = static_cast<int>(config["availableModels"].size()) - 1;
         std::ofstream(dir / "upres_config.json") << config.dump();
         return dir;
     }();
@@ -60,8 +64,8 @@ const std::filesystem::path& configFolder() {
 
 std::shared_ptr<QHost::CallSettings> upresSettings(int model, float factor, int mode = 4) {
     auto settings = std::make_shared<QHost::CallSettings>(mode, 2);
-    settings->setModelIndex(model);
     settings->setDataFolder(configFolder().string());
+    settings->setModelIndex(model == kBadPadding ? g_badPadding : model);
     settings->setAuxFolder((packageDir / "models").string());
     settings->setFrame(7);
     settings->setFloatParam(200, 0, factor);
@@ -219,20 +223,27 @@ TEST(UpresFamilies, RefusedRendersLogTheirReason) {
 }
 
 // At a trained scale the network's tiles land directly in the region: whole images, a region
-// inside a larger output, and widths of more than one tile.
-TEST(UpresFamilies, TrainedScaleUpscalesTheRegion) {
+// inside a larger output, and widths of more than one tile. Other factors go through the
+// intermediate image and the resampler: shrinking the next larger scale (1.5, 2.5, 3) or
+// enlarging the largest (8), with the real network and the bicubic stand-in.
+TEST(UpresFamilies, UpscalesTheRegionByAnyFactor) {
     const struct {
+        int model;
         float factor;
         Rect input, output, roi;
         ML::u32 inputFormat, inputType, outputType;
     } cases[] = {
-        {2.0f, {0, 0, 40, 30}, {0, 0, 80, 60}, {0, 0, 80, 60}, Image::RGBA, ML::U8, ML::F32},
-        {2.0f, {0, 0, 40, 30}, {0, 0, 80, 60}, {10, 6, 70, 50}, Image::RGB, ML::F32, ML::F16},
-        {2.0f, {0, 0, 150, 24}, {0, 0, 300, 48}, {0, 0, 300, 48}, Image::RGBA, ML::U8, ML::F32},
+        {kUpscaler, 2.0f, {0, 0, 40, 30}, {0, 0, 80, 60}, {0, 0, 80, 60}, Image::RGBA, ML::U8, ML::F32},
+        {kUpscaler, 2.0f, {0, 0, 40, 30}, {0, 0, 80, 60}, {10, 6, 70, 50}, Image::RGB, ML::F32, ML::F16},
+        {kUpscaler, 2.0f, {0, 0, 150, 24}, {0, 0, 300, 48}, {0, 0, 300, 48}, Image::RGBA, ML::U8, ML::F32},
+        {kUpscaler, 2.5f, {0, 0, 40, 30}, {0, 0, 100, 75}, {0, 0, 100, 75}, Image::RGBA, ML::U8, ML::F32},
+        {kStandIn, 1.5f, {0, 0, 40, 30}, {0, 0, 60, 45}, {0, 0, 60, 45}, Image::RGBA, ML::U8, ML::F32},
+        {kStandIn, 3.0f, {0, 0, 40, 30}, {0, 0, 120, 90}, {6, 3, 110, 84}, Image::RGB, ML::F32, ML::F32},
+        {kStandIn, 8.0f, {0, 0, 20, 12}, {0, 0, 160, 96}, {0, 0, 160, 96}, Image::RGBA, ML::U8, ML::F16},
     };
     for (const auto& p : cases) {
-        SCOPED_TRACE(p.roi.toString());
-        auto settings = upresSettings(kUpscaler, p.factor);
+        SCOPED_TRACE(std::to_string(p.factor) + " " + p.roi.toString());
+        auto settings = upresSettings(p.model, p.factor);
         settings->setRoi(7, p.roi);
         settings->setInputImage(7, patternImage(p.input, p.inputFormat, p.inputType));
         ImagePtr output = filledImage(p.output, Image::RGBA, p.outputType, kSentinel);
