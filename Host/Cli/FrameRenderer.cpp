@@ -1,5 +1,8 @@
 #include "Host/Cli/FrameRenderer.h"
 
+#include <algorithm>
+#include <cmath>
+
 #include "Host/BufferText.h"
 #include "Host/Cli/CliError.h"
 #include "Host/Cli/ImageBridge.h"
@@ -49,11 +52,24 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame) {
     if (request_.roi) settings->setRoi(frameNumber, *request_.roi);
 
     const auto input = toHostImage(inputFrame);
-    const int width = inputFrame.width();
-    const int height = inputFrame.height();
+    const float scale = request_.outputScale;
+    const int width = static_cast<int>(std::floor(static_cast<float>(inputFrame.width()) * scale));
+    const int height = static_cast<int>(std::floor(static_cast<float>(inputFrame.height()) * scale));
     // Outputs cover the region of interest only; the rest of the written frame stays zero.
-    ML::Rect outRect = input->getRect();
+    // Scaled about the origin, the input gives the output's pixels that lie inside the frame.
+    ML::Rect outRect{0, 0, width, height};
+    if (scale != 1.0f) {
+        const auto scaled = [scale](ML::i32 v, int origin, bool up) {
+            const float p = static_cast<float>(v - origin) * scale + static_cast<float>(origin);
+            return static_cast<ML::i32>(up ? std::ceil(p) : std::floor(p));
+        };
+        const ML::Rect in = input->getRect();
+        outRect = {std::max(0, scaled(in.x0, request_.originX, true)), std::max(0, scaled(in.y0, request_.originY, true)),
+                   std::min(width, scaled(in.x1, request_.originX, false)),
+                   std::min(height, scaled(in.y1, request_.originY, false))};
+    }
     if (request_.roi) outRect = *request_.roi;
+    else if (scale != 1.0f) settings->setRoi(frameNumber, outRect);  // the host's default is the input's rectangle
     const ML::u32 format0 = outputFormat(request_.target, 0, *input);
     auto output = makeOutputImage(outRect, format0, ML::F32, outputLayout(format0));
     settings->setInputImage(frameNumber, input);

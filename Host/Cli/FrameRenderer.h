@@ -22,6 +22,9 @@ struct RenderRequest {
     std::optional<ML::Rect> roi;
     std::vector<ParamSetting> params;
     bool wantOutput1 = false;
+    // Output size over input size (upscaling), about the origin point.
+    float outputScale = 1.0f;
+    int originX = 0, originY = 0;
     std::vector<BufferOutput> buffers;
 };
 

@@ -53,6 +53,9 @@ Render options:
   --device N                 device of the backend (default: the backend's default)
   --roi x0,y0,x1,y1          region of interest, x1 and y1 exclusive (default: the whole frame)
   -j, --threads N            render N frames at once where the effect allows it (depth does)
+  --scale F                  upres: the factor, above 1 and up to 10 (float parameter 200); the
+                             output is the input's size times F
+  --origin X,Y               upres: the point that stays in place (int parameters 202, 203)
 
 Demo options:
   --out DIR                  folder for the sample and its results (default ./quillon-demo)

@@ -141,6 +141,14 @@ Options parseArguments(const std::vector<std::string>& args) {
             o.device = static_cast<std::uint32_t>(parseInteger(value(), "device", 0, INT_MAX));
         } else if (arg == "--roi") {
             o.roi = parseRoi(value());
+        } else if (arg == "--scale") {
+            o.params.push_back(parseParam("200:float=" + value()));
+        } else if (arg == "--origin") {
+            const std::string& text = value();
+            const auto parts = split(text, ',');
+            if (parts.size() != 2) throw UsageError("bad origin '" + text + "': expected X,Y");
+            o.params.push_back(parseParam("202:int=" + parts[0]));
+            o.params.push_back(parseParam("203:int=" + parts[1]));
         } else if (arg == "--threads" || arg == "-j") {
             o.threads = static_cast<int>(parseInteger(value(), "thread count", 1, 256));
         } else if (arg == "--out") {

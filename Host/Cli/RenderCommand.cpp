@@ -129,6 +129,13 @@ int runRender(const Options& o, std::ostream& out, std::ostream& err) {
     request.roi = o.roi;
     request.params = o.params;
     request.wantOutput1 = static_cast<bool>(sink1);
+    if (o.target == 2) {  // upres: the output is the factor's size
+        for (const ParamSetting& p : o.params) {
+            if (p.id == 200 && p.index == 0 && p.setsFloat) request.outputScale = p.floatValue;
+            if (p.id == 202 && p.index == 0 && p.setsInt) request.originX = p.intValue;
+            if (p.id == 203 && p.index == 0 && p.setsInt) request.originY = p.intValue;
+        }
+    }
     request.buffers = o.buffers;
     FrameRenderer renderer(session, cancelWatch, request);
 

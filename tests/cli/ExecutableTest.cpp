@@ -107,6 +107,35 @@ TEST(CliRender, VideoToSequenceAndSequenceToVideo) {
     for (const char* name : {"d.mkv", "c.5.png", "c.7.png"}) EXPECT_TRUE(std::filesystem::exists(dir / name)) << name;
 }
 
+// Upscaling sizes the output by the factor, about the origin, and output column X shows the
+// input at (X + 0.5 - origin) / factor + origin - 0.5: on a ramp, that position's level.
+TEST(CliRender, UpresOutputIsTheFactorsSize) {
+    TempDir dir;
+    QMedia::writeImage(dir / "ramp.png", greyFrame(40, 24, -1.0f));
+    const struct {
+        std::string options;
+        float factor;
+        int originX, width, height;
+        int covered;  // columns the input covers, from 0
+    } cases[] = {
+        {"--scale 2", 2.0f, 0, 80, 48, 80},
+        {"--scale 2.5", 2.5f, 0, 100, 60, 100},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.options);
+        const auto r = runQuillon("render -t upres -m 3 " + c.options + " -i " + quote(dir / "ramp.png") + " -o " +
+                                  quote(dir / "up.exr"));
+        ASSERT_EQ(r.exitCode, 0) << r.output;
+        const QMedia::Frame up = readImage(dir / "up.exr");
+        ASSERT_EQ(std::tuple(up.width(), up.height()), std::tuple(c.width, c.height));
+        for (int x = 8; x < c.covered - 8; x += 7) {
+            const float source = (x + 0.5f - c.originX) / c.factor + c.originX - 0.5f;
+            EXPECT_NEAR(up.sample(x, c.height / 2, 1), source / 39.0f, 0.02f) << x;
+        }
+        if (c.covered < c.width) EXPECT_EQ(up.sample(c.width - 1, c.height / 2, 1), 0.0f);
+    }
+}
+
 TEST(CliRender, ThreadsGiveTheSameFrames) {
     TempDir dir;
     QMedia::writeImage(dir / "ramp.png", greyFrame(48, 32, -1.0f));
@@ -188,6 +217,9 @@ TEST(CliErrorPath, OnePlainLineTheExitCodeAndNoOutput) {
          "does not exist"},
         {render + " -f 0-2", QCli::EXIT_USAGE, "one image"},
         {render + " --roi 0,0,17,16", QCli::EXIT_USAGE, "outside the input"},
+        {render + " --origin 3", QCli::EXIT_USAGE, "bad origin"},
+        {"render -t upres --scale 1 -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "u.png"),
+         QCli::EXIT_FAILURE_OTHER, "upres factor must be > 1"},
         // Targets other than depth are not in this build: the plug-in fails with result 4 and
         // logs its own line.
         {"render -t denoise -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
