@@ -27,30 +27,21 @@
 #include "Plugin/TiledExecution.h"
 #include "Plugin/TiledNetworkRunner.h"
 
+#include "util/InProcessPlugin.h"
+
 namespace {
 
 using ML::Image;
 using ML::Rect;
 using ImagePtr = ML::Ptr<QHost::OwnedImage>;
 
+using inprocess::host;
+using inprocess::kSentinel;
+
 // fp16 tensors plus U8 input quantisation.
 constexpr float kTolerance = 4e-3f;
-// Written into outputs before a render, to see which pixels the plug-in touched.
-constexpr float kSentinel = -7.25f;
 
 const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
-
-// The process-wide host; its logger is the one the plug-in logs to.
-QHost::Host& host() {
-    static QHost::Host instance;
-    return instance;
-}
-
-// Releases the plug-in's context once every test has run, while the host is still alive.
-struct PluginShutdown : ::testing::Environment {
-    void TearDown() override { mlShutdown(); }
-};
-const auto* const g_pluginShutdown = ::testing::AddGlobalTestEnvironment(new PluginShutdown);
 
 // Settings for a depth render of frame in the given mode, with the package's folders.
 std::shared_ptr<QHost::CallSettings> depthSettings(ML::u32 frame, int mode = 4) {

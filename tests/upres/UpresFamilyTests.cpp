@@ -21,29 +21,23 @@
 #include "Host/OwnedImage.h"
 #include "Plugin/PluginMain.h"
 
+#include "util/InProcessPlugin.h"
+
 namespace {
 
 using ML::Image;
 using ML::Rect;
 using ImagePtr = ML::Ptr<QHost::OwnedImage>;
 
-constexpr float kSentinel = -7.25f;
+using inprocess::host;
+using inprocess::kSentinel;
+
 constexpr int kUpscaler = 0, kEnhancer = 2, kStandIn = 3;
 // Stands for the model with the bad padding, which the test appends after the package's own.
 constexpr int kBadPadding = -1;
 int g_badPadding = -1;
 
 const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
-
-QHost::Host& host() {
-    static QHost::Host instance;
-    return instance;
-}
-
-struct PluginShutdown : ::testing::Environment {
-    void TearDown() override { mlShutdown(); }
-};
-const auto* const g_pluginShutdown = ::testing::AddGlobalTestEnvironment(new PluginShutdown);
 
 // The package's upscaler configuration plus a copy of its first model with an x4 padding of 30.
 const std::filesystem::path& configFolder() {
