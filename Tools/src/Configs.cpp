@@ -47,29 +47,15 @@ TargetConfig upresStandIn() {
     return c;
 }
 
-// The same-size stand-in: a mild fixed sharpen.
-TargetConfig upresEnhanceStandIn() {
+// A same-size enhancement network of the upscaling target, tiles of 256.
+TargetConfig enhancer(const std::string& id, const std::string& name, const std::string& description) {
     TargetConfig c;
     c.target = 2;
     c.file = "upres_config.json";
     c.modelType = "esrgan";
-    c.modelId = std::string(kUpresStandInId) + "_enhance";
-    c.displayName = "Enhance stand-in (sharpen x1)";
-    c.description = "Same-size mild sharpen (a fixed 3x3 kernel) as a stand-in network.";
-    c.execH = c.execW = 256;
-    return c;
-}
-
-// A same-size enhancement: the x2 network after an area downscale by 2.
-TargetConfig esrganEnhancer() {
-    TargetConfig c;
-    c.target = 2;
-    c.file = "upres_config.json";
-    c.modelType = "esrgan";
-    c.modelId = "esrgan_medium_enhance";
-    c.displayName = "ESRGAN medium enhance (x1)";
-    c.description = "Same-size detail enhancement: area downscale by 2, then the trained x2 network of "
-                    "@upscalerjs/esrgan-medium.";
+    c.modelId = id;
+    c.displayName = name;
+    c.description = description;
     c.execH = c.execW = 256;
     return c;
 }
@@ -82,9 +68,12 @@ const std::vector<TargetConfig>& targetConfigs() {
             standIn(1, "denoiser_config.json", "fdvd", "denoiser"),
             esrganUpscaler("esrgan_medium", "ESRGAN medium (x2, x4)", "@upscalerjs/esrgan-medium"),
             esrganUpscaler("esrgan_thick", "ESRGAN thick (x2, x4)", "@upscalerjs/esrgan-thick"),
-            esrganEnhancer(),
+            enhancer("esrgan_medium_enhance", "ESRGAN medium enhance (x1)",
+                     "Same-size detail enhancement: area downscale by 2, then the trained x2 network of "
+                     "@upscalerjs/esrgan-medium."),
             upresStandIn(),
-            upresEnhanceStandIn(),
+            enhancer(std::string(kUpresStandInId) + "_enhance", "Enhance stand-in (sharpen x1)",
+                     "Same-size mild sharpen (a fixed 3x3 kernel) as a stand-in network."),
             standIn(3, "optical_flow_config.json", "raft", "optical_flow"),
             standIn(4, "mask_propagation_config.json", "qt", "mask_propagation"),
             standIn(5, "retiming_config.json", "rife", "retiming"),

@@ -37,6 +37,8 @@ using ImagePtr = ML::Ptr<QHost::OwnedImage>;
 
 using inprocess::host;
 using inprocess::kSentinel;
+using inprocess::setValue;
+using inprocess::valueAt;
 
 // fp16 tensors plus U8 input quantisation.
 constexpr float kTolerance = 4e-3f;
@@ -62,23 +64,6 @@ std::array<float, 3> expectedRamp(float d) {
     std::array<float, 3> rgb{};
     for (int k = 0; k < 3; ++k) rgb[k] = std::clamp(1.5f - std::fabs(4.0f * d - static_cast<float>(3 - k)), 0.0f, 1.0f);
     return rgb;
-}
-
-// One element as float, whatever the data type (U8 scaled to 0..1), and the other way.
-float valueAt(const QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 channel = 0) {
-    switch (image.getDataType()) {
-        case ML::U8: return image.at<std::uint8_t>(x, y, channel) / 255.0f;
-        case ML::F16: return static_cast<float>(image.at<Imath::half>(x, y, channel));
-        default: return image.at<float>(x, y, channel);
-    }
-}
-void setValue(QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 channel, float value) {
-    if (image.getDataType() == ML::U8)
-        image.at<std::uint8_t>(x, y, channel) = static_cast<std::uint8_t>(std::lround(std::clamp(value, 0.0f, 1.0f) * 255.0f));
-    else if (image.getDataType() == ML::F16)
-        image.at<Imath::half>(x, y, channel) = Imath::half(value);
-    else
-        image.at<float>(x, y, channel) = value;
 }
 
 // Sets the pixels of rect (clipped to the image) to an RGB colour and a fourth channel to alpha.

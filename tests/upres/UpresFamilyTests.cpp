@@ -31,6 +31,8 @@ using ImagePtr = ML::Ptr<QHost::OwnedImage>;
 
 using inprocess::host;
 using inprocess::kSentinel;
+using inprocess::setValue;
+using inprocess::valueAt;
 
 constexpr int kUpscaler = 0, kEnhancer = 2, kStandIn = 3;
 // Stands for the model with the bad padding, which the test appends after the package's own.
@@ -75,23 +77,6 @@ float pattern(float x, float y, int c) {
         case 1: return 0.3f + 0.4f * 0.5f * (1.0f + std::cos(y * 0.13f));
         default: return 0.5f + 0.3f * std::sin((x + y) * 0.07f);
     }
-}
-
-float valueAt(const QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 c) {
-    switch (image.getDataType()) {
-        case ML::U8: return image.at<std::uint8_t>(x, y, c) / 255.0f;
-        case ML::F16: return static_cast<float>(image.at<Imath::half>(x, y, c));
-        default: return image.at<float>(x, y, c);
-    }
-}
-
-void setValue(QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 c, float v) {
-    if (image.getDataType() == ML::U8)
-        image.at<std::uint8_t>(x, y, c) = static_cast<std::uint8_t>(std::lround(std::clamp(v, 0.0f, 1.0f) * 255.0f));
-    else if (image.getDataType() == ML::F16)
-        image.at<Imath::half>(x, y, c) = Imath::half(v);
-    else
-        image.at<float>(x, y, c) = v;
 }
 
 ImagePtr patternImage(const Rect& rect, ML::u32 format, ML::u32 type) {
