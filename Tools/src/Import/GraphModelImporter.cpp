@@ -34,7 +34,7 @@ std::pair<std::string, int> tensorRef(const std::string& ref) {
 int64_t dimSize(const nlohmann::json& d) {
     if (!d.contains("size")) return 0;  // protobuf's JSON leaves zero out
     const nlohmann::json& s = d.at("size");
-    return s.is_string() ? std::stoll(s.get<std::string>()) : s.get<int64_t>();
+    return jsonInteger(s, "a dimension's size");
 }
 
 // A tensor of the signature or a placeholder, in TensorFlow's terms.

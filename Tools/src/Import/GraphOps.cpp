@@ -176,7 +176,7 @@ std::string base64Decode(const std::string& in) {
     return out;
 }
 
-int64_t jsonInt(const nlohmann::json& j) { return j.is_string() ? std::stoll(j.get<std::string>()) : j.get<int64_t>(); }
+int64_t jsonInt(const nlohmann::json& j) { return jsonInteger(j, "an integer attribute"); }
 
 double jsonFloat(const nlohmann::json& j) {
     if (j.is_string()) {  // "NaN", "Infinity", "-Infinity" as the JSON writer of protobuf spells them

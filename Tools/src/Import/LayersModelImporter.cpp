@@ -69,7 +69,7 @@ struct Context {
 
 int64_t integer(const json& j, const std::string& what) {
     if (!j.is_number_integer()) throw ImportError(what + " is not an integer");
-    return j.get<int64_t>();
+    return jsonInteger(j, what);
 }
 
 // A pair of integers given as an integer or a list of two.
@@ -295,7 +295,7 @@ Value reluLayer(Context& c, const Layer& l, const std::vector<Value>& in) {
     Value y =
         slope == 0.0f ? unaryOp(c, in, where, "Relu") : unaryOp(c, in, where, "LeakyRelu", {attrFloat("alpha", slope)});
     const json& max = l.config.value("max_value", json());
-    if (max.is_number()) y.name = c.g.op("Min", {y.name, c.g.scalarF32(max.get<float>())});
+    if (max.is_number()) y.name = c.g.op("Min", {y.name, c.g.scalarF32(jsonFloat32(max, where + ": max_value"))});
     return y;
 }
 
@@ -446,8 +446,10 @@ Value globalPooling(Context& c, const Layer& l, const std::vector<Value>& in, bo
 std::array<int64_t, 4> edges(const Layer& l, const std::string& key, const std::string& where) {
     const json& j = l.config.value(key, json(1));
     if (j.is_number_integer()) return {j.get<int64_t>(), j.get<int64_t>(), j.get<int64_t>(), j.get<int64_t>()};
-    if (j.is_array() && j.size() == 2 && j[0].is_number_integer())
-        return {j[0].get<int64_t>(), j[0].get<int64_t>(), j[1].get<int64_t>(), j[1].get<int64_t>()};
+    if (j.is_array() && j.size() == 2 && j[0].is_number_integer()) {
+        const int64_t v = integer(j[0], where), h = integer(j[1], where);
+        return {v, v, h, h};
+    }
     if (j.is_array() && j.size() == 2 && j[0].is_array() && j[1].is_array() && j[0].size() == 2 && j[1].size() == 2)
         return {integer(j[0][0], where), integer(j[0][1], where), integer(j[1][0], where), integer(j[1][1], where)};
     throw ImportError(where + ": bad " + key);

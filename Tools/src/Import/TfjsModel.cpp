@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
+#include <limits>
 #include <sstream>
 
 #include <Imath/half.h>
@@ -50,7 +51,7 @@ int64_t shapeCount(const std::vector<int64_t>& shape, const std::string& name) {
 Weight decodeWeight(const nlohmann::json& entry, const std::string& bytes, size_t& offset, const std::string& where) {
     Weight w;
     w.name = entry.at("name").get<std::string>();
-    for (const nlohmann::json& d : entry.at("shape")) w.shape.push_back(d.get<int64_t>());
+    for (const nlohmann::json& d : entry.at("shape")) w.shape.push_back(jsonInteger(d, where + ": shape of weight " + w.name));
     const std::string dtype = entry.at("dtype").get<std::string>();
     if (dtype == "float32") w.type = WeightType::Float32;
     else if (dtype == "int32") w.type = WeightType::Int32;
@@ -104,8 +105,8 @@ Weight decodeWeight(const nlohmann::json& entry, const std::string& bytes, size_
     } else if (qtype == "uint8" || qtype == "uint16") {
         if (!quant.contains("scale") || !quant.contains("min"))
             throw ImportError(where + ": weight " + w.name + " is quantised without \"scale\" and \"min\"");
-        const float scale = quant.at("scale").get<float>();
-        const float minimum = quant.at("min").get<float>();
+        const float scale = jsonFloat32(quant.at("scale"), where + ": scale of weight " + w.name);
+        const float minimum = jsonFloat32(quant.at("min"), where + ": min of weight " + w.name);
         const size_t size = qtype == "uint8" ? 1 : 2;
         const unsigned char* p = reinterpret_cast<const unsigned char*>(take(n * size));
         std::vector<float> values(n);
@@ -128,6 +129,28 @@ Weight decodeWeight(const nlohmann::json& entry, const std::string& bytes, size_
 }
 
 }  // namespace
+
+int64_t jsonInteger(const nlohmann::json& j, const std::string& what) {
+    if (j.is_number_integer()) return j.get<int64_t>();  // unsigned values above 2^63 wrap: refused by the callers' ranges
+    if (j.is_string()) {
+        const std::string text = j.get<std::string>();
+        size_t used = 0;
+        try {
+            const long long v = std::stoll(text, &used);
+            if (used == text.size()) return v;
+        } catch (const std::exception&) {
+        }
+    }
+    throw ImportError(what + " is not a whole number: " + j.dump());
+}
+
+float jsonFloat32(const nlohmann::json& j, const std::string& what) {
+    if (!j.is_number()) throw ImportError(what + " is not a number: " + j.dump());
+    const double v = j.get<double>();
+    if (std::isfinite(v) && std::fabs(v) > static_cast<double>(std::numeric_limits<float>::max()))
+        throw ImportError(what + " is out of range: " + j.dump());
+    return static_cast<float>(v);
+}
 
 int64_t Weight::elementCount() const { return shapeCount(shape, name); }
 

@@ -56,6 +56,12 @@ Model readModel(const std::filesystem::path& modelJson);
 using ShardReader = std::function<std::string(const std::filesystem::path& shard)>;
 Model parseModel(const std::string& text, const std::filesystem::path& modelJson, const ShardReader& readShard);
 
+// A whole number of a model file: a JSON integer, or a string of one as protobuf's JSON writes
+// 64-bit values. ImportError naming what for anything else (a fraction, a number out of range).
+int64_t jsonInteger(const nlohmann::json& j, const std::string& what);
+// A JSON number that float can hold; ImportError naming what otherwise.
+float jsonFloat32(const nlohmann::json& j, const std::string& what);
+
 // IEEE half to float and back (round to nearest even).
 float halfToFloat(uint16_t h);
 
