@@ -6,6 +6,7 @@
 #include "Host/BufferText.h"
 #include "Host/Cli/CliError.h"
 #include "Host/Cli/ImageBridge.h"
+#include "Host/Cli/ScaledRegion.h"
 #include "Host/Cli/Targets.h"
 
 namespace QCli {
@@ -51,25 +52,23 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame) {
     for (const ParamSetting& p : request_.params) applyParam(*settings, p);
     if (request_.roi) settings->setRoi(frameNumber, *request_.roi);
 
-    const auto input = toHostImage(inputFrame);
     const float scale = request_.outputScale;
     const int width = static_cast<int>(std::floor(static_cast<float>(inputFrame.width()) * scale));
     const int height = static_cast<int>(std::floor(static_cast<float>(inputFrame.height()) * scale));
     // Outputs cover the region of interest only; the rest of the written frame stays zero.
-    // Scaled about the origin, the input gives the output's pixels that lie inside the frame.
     ML::Rect outRect{0, 0, width, height};
+    ML::Rect inRect = outRect;
     if (scale != 1.0f) {
-        const auto scaled = [scale](ML::i32 v, int origin, bool up) {
-            const float p = static_cast<float>(v - origin) * scale + static_cast<float>(origin);
-            return static_cast<ML::i32>(up ? std::ceil(p) : std::floor(p));
-        };
-        const ML::Rect in = input->getRect();
-        outRect = {std::max(0, scaled(in.x0, request_.originX, true)), std::max(0, scaled(in.y0, request_.originY, true)),
-                   std::min(width, scaled(in.x1, request_.originX, false)),
-                   std::min(height, scaled(in.y1, request_.originY, false))};
+        // Like a compositing host, hand over the part of the input that the output needs.
+        const ScaledRegion region =
+            scaledRegion(inputFrame.width(), inputFrame.height(), scale, request_.originX, request_.originY, request_.roi);
+        outRect = region.output;
+        inRect = region.input;
+        if (!request_.roi) settings->setRoi(frameNumber, outRect);  // the host's default is the input's rectangle
+    } else if (request_.roi) {
+        outRect = *request_.roi;
     }
-    if (request_.roi) outRect = *request_.roi;
-    else if (scale != 1.0f) settings->setRoi(frameNumber, outRect);  // the host's default is the input's rectangle
+    const auto input = toHostImage(inputFrame, inRect);
     const ML::u32 format0 = outputFormat(request_.target, 0, *input);
     auto output = makeOutputImage(outRect, format0, ML::F32, outputLayout(format0));
     settings->setInputImage(frameNumber, input);

@@ -109,30 +109,32 @@ TEST(CliRender, VideoToSequenceAndSequenceToVideo) {
 
 // Upscaling sizes the output by the factor, about the origin, and output column X shows the
 // input at (X + 0.5 - origin) / factor + origin - 0.5: on a ramp, that position's level.
-TEST(CliRender, UpresOutputIsTheFactorsSize) {
+TEST(CliRender, UpresOutputIsTheFactorsSizeAboutTheOrigin) {
     TempDir dir;
-    QMedia::writeImage(dir / "ramp.png", greyFrame(40, 24, -1.0f));
+    const int W = 300, H = 24;  // wider than a tile, so that origins off the scale's grid are met
+    QMedia::writeImage(dir / "ramp.png", greyFrame(W, H, -1.0f));
     const struct {
-        std::string options;
         float factor;
-        int originX, width, height;
-        int covered;  // columns the input covers, from 0
-    } cases[] = {
-        {"--scale 2", 2.0f, 0, 80, 48, 80},
-        {"--scale 2.5", 2.5f, 0, 100, 60, 100},
-    };
+        int originX;
+    } cases[] = {{2.0f, 0}, {2.5f, 0}, {2.0f, 37}, {3.0f, 37}, {2.5f, 151}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.options);
-        const auto r = runQuillon("render -t upres -m 3 " + c.options + " -i " + quote(dir / "ramp.png") + " -o " +
+        std::ostringstream options;
+        options << "--scale " << c.factor << " --origin " << c.originX << ",0";
+        SCOPED_TRACE(options.str());
+        const auto r = runQuillon("render -t upres -m 3 " + options.str() + " -i " + quote(dir / "ramp.png") + " -o " +
                                   quote(dir / "up.exr"));
         ASSERT_EQ(r.exitCode, 0) << r.output;
         const QMedia::Frame up = readImage(dir / "up.exr");
-        ASSERT_EQ(std::tuple(up.width(), up.height()), std::tuple(c.width, c.height));
-        for (int x = 8; x < c.covered - 8; x += 7) {
+        const int width = int(W * c.factor), height = int(H * c.factor);
+        ASSERT_EQ(std::tuple(up.width(), up.height()), std::tuple(width, height));
+        for (int x = 0; x < width; x += 7) {
+            // Output pixel centres map back about the origin; the ramp is linear inside the input.
             const float source = (x + 0.5f - c.originX) / c.factor + c.originX - 0.5f;
-            EXPECT_NEAR(up.sample(x, c.height / 2, 1), source / 39.0f, 0.02f) << x;
+            if (source < 1.0f || source > W - 2.0f) continue;
+            EXPECT_NEAR(up.sample(x, height / 2, 1), source / (W - 1.0f), 0.02f) << x;
         }
-        if (c.covered < c.width) EXPECT_EQ(up.sample(c.width - 1, c.height / 2, 1), 0.0f);
+        // Past the input's image the frame stays empty.
+        if ((W - c.originX) * c.factor + c.originX < width) EXPECT_EQ(up.sample(width - 1, height / 2, 1), 0.0f);
     }
 }
 
