@@ -1,6 +1,7 @@
 #include "Host/Cli/FrameRenderer.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 
 #include "Host/BufferText.h"
@@ -38,6 +39,25 @@ struct Watched {
 };
 
 }  // namespace
+
+RenderRequest renderRequestFor(const Options& o) {
+    RenderRequest request;
+    request.target = o.target;
+    request.model = o.model;
+    request.backend = o.backend;
+    request.device = o.device;
+    request.roi = o.roi;
+    request.params = o.params;
+    if (o.target == 2) {  // upres: the output is the factor's size
+        for (const ParamSetting& p : o.params) {
+            if (p.id == 200 && p.index == 0 && p.setsFloat) request.outputScale = p.floatValue;
+            if (p.id == 202 && p.index == 0 && p.setsInt) request.originX = p.intValue;
+            if (p.id == 203 && p.index == 0 && p.setsInt) request.originY = p.intValue;
+        }
+    }
+    request.buffers = o.buffers;
+    return request;
+}
 
 FrameRenderer::FrameRenderer(Session& session, CancelWatch& cancel, RenderRequest request)
     : session_(session), cancel_(cancel), request_(std::move(request)) {}
@@ -81,9 +101,12 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame) {
     }
 
     Watched watched(cancel_, settings);
+    double pluginSeconds = 0;
     for (int mode : {3, 4}) {
         settings->setMode(mode);
+        const auto start = std::chrono::steady_clock::now();
         const int result = session_.run(settings);
+        pluginSeconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         if (result == 1 || (result == 0 && interrupted())) throw CliError(EXIT_CANCELLED, "cancelled");
         if (result != 0) {
             const std::string what = "frame " + std::to_string(frame) + ": " + targetName(request_.target) + " failed";
@@ -94,6 +117,8 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame) {
     }
 
     FrameResult result;
+    result.pluginSeconds = pluginSeconds;
+    result.progress = settings->progress();
     result.output = toFrame(*output, width, height);
     if (output1) result.output1 = toFrame(*output1, width, height);
     for (const BufferOutput& b : request_.buffers) {

@@ -34,7 +34,13 @@ struct FrameResult {
     // Bytes of each requested buffer, in the order of RenderRequest::buffers; nullopt when
     // the plug-in did not produce it.
     std::vector<std::optional<std::string>> buffers;
+    double pluginSeconds = 0;     // wall time inside the plug-in's calls (modes 3 and 4)
+    std::vector<float> progress;  // the plug-in's progress reports, in order
 };
+
+// The request that the options ask for: target, model, backend, region, parameters and buffer
+// outputs; for upscaling, the factor and origin of its parameters 200, 202 and 203.
+RenderRequest renderRequestFor(const Options& o);
 
 class FrameRenderer {
 public:

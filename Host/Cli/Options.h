@@ -46,10 +46,10 @@ struct Options {
     // demo
     std::filesystem::path outDir;      // empty: ./quillon-demo
 
-    // bench
-    int benchFrames = 10;
-    int benchWidth = 1920;
-    int benchHeight = 1080;
+    // bench; 0: the target's own default
+    int benchFrames = 0;
+    int benchWidth = 0;
+    int benchHeight = 0;
 };
 
 // args are the words after the program name. Throws UsageError.

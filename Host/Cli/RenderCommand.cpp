@@ -121,22 +121,8 @@ int runRender(const Options& o, std::ostream& out, std::ostream& err) {
     installInterruptHandler();
     CancelWatch cancelWatch;
 
-    RenderRequest request;
-    request.target = o.target;
-    request.model = o.model;
-    request.backend = o.backend;
-    request.device = o.device;
-    request.roi = o.roi;
-    request.params = o.params;
+    RenderRequest request = renderRequestFor(o);
     request.wantOutput1 = static_cast<bool>(sink1);
-    if (o.target == 2) {  // upres: the output is the factor's size
-        for (const ParamSetting& p : o.params) {
-            if (p.id == 200 && p.index == 0 && p.setsFloat) request.outputScale = p.floatValue;
-            if (p.id == 202 && p.index == 0 && p.setsInt) request.originX = p.intValue;
-            if (p.id == 203 && p.index == 0 && p.setsInt) request.originY = p.intValue;
-        }
-    }
-    request.buffers = o.buffers;
     FrameRenderer renderer(session, cancelWatch, request);
 
     int threads = std::min(o.threads, frames.count());

@@ -161,6 +161,8 @@ TEST(CliCommands, ListHelpDemoAndBench) {
         {"--help", {"Exit codes", "ID[.INDEX][:TYPE]=VALUE"}},
         {"demo --out " + quote(dir / "demo"), {"depth.exr"}},
         {"bench --frames 1 --size 64x48", {"Through the plug-in:", "Network alone (ORT):", "Plug-in overhead:"}},
+        // 600x200 out of tiles of 256 that overlap by 32: three tiles, each one run.
+        {"bench -t upres -m 3 --frames 1 --size 300x100", {"scaled by 2,", "(3 runs of upres_standin_2x.onnx on 1x3x128x128"}},
     };
     for (const auto& c : cases) {
         const auto r = runQuillon(c.arguments);

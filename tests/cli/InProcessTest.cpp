@@ -119,7 +119,7 @@ TEST(CliImageBridge, FramesToHostImages) {
     EXPECT_EQ(rgba->at<std::uint8_t>(1, 0, 3), 255);
 }
 
-TEST(CliImageBridge, OutputsToFramesInterleavedAndPlacedByRegion) {
+TEST(CliImageBridge, OutputsToFramesInterleavedPlacedByRegionAndCropped) {
     auto image = makeOutputImage(ML::Rect{1, 2, 3, 4}, ML::ImageImp::RGB, ML::F32, ML::ImageImp::CHW);
     for (ML::u32 c = 0; c < 3; ++c) image->at<float>(2, 3, c) = 0.1f * float(c + 1);
     const QMedia::Frame frame = toFrame(*image, 5, 6);
@@ -127,7 +127,11 @@ TEST(CliImageBridge, OutputsToFramesInterleavedAndPlacedByRegion) {
     for (int c = 0; c < 3; ++c) EXPECT_FLOAT_EQ(frame.sample(2, 3, c), 0.1f * float(c + 1));
     EXPECT_FLOAT_EQ(frame.sample(1, 2, 0), 0.0f);
     EXPECT_FLOAT_EQ(frame.sample(3, 3, 0), 0.0f);
-    EXPECT_THROW(toFrame(*image, 2, 2), std::invalid_argument);
+    // Pixels past the frame are left out.
+    const QMedia::Frame cropped = toFrame(*image, 3, 3);
+    EXPECT_EQ(std::tuple(cropped.width(), cropped.height()), std::tuple(3, 3));
+    EXPECT_FLOAT_EQ(cropped.sample(2, 2, 0), 0.0f);
+    EXPECT_EQ(toFrame(*image, 1, 1).sample(0, 0, 0), 0.0f);
 }
 
 TEST(CliCancel, InterruptCancelsThroughTheHost) {
