@@ -291,6 +291,9 @@ TEST(LayersImport, RefusalsNameTheLayer) {
          {"odd", "channels_first"}},
         {"Activation", {{"activation", "sparkle"}}, {"odd", "unknown activation sparkle"}},
         {"UpSampling2D", {{"interpolation", "bicubic"}}, {"odd", "bicubic"}},
+        {"LeakyReLU", {{"alpha", 1e300}}, {"odd", "alpha is out of range"}},
+        {"ReLU", {{"negative_slope", "steep"}}, {"odd", "negative_slope is not a number"}},
+        {"Concatenate", {{"axis", 1.5}}, {"odd", "axis is not an integer"}},
     };
     for (const auto& k : cases) {
         Layers m(2);

@@ -72,6 +72,16 @@ int64_t integer(const json& j, const std::string& what) {
     return jsonInteger(j, what);
 }
 
+// A layer option that may be missing (or null): the fallback then, else a checked number.
+int64_t optionInteger(const Layer& l, const char* key, int64_t fallback, const std::string& where) {
+    const auto it = l.config.find(key);
+    return it == l.config.end() || it->is_null() ? fallback : integer(*it, where + ": " + key);
+}
+float optionFloat(const Layer& l, const char* key, float fallback, const std::string& where) {
+    const auto it = l.config.find(key);
+    return it == l.config.end() || it->is_null() ? fallback : jsonFloat32(*it, where + ": " + key);
+}
+
 // A pair of integers given as an integer or a list of two.
 std::array<int64_t, 2> pairOf(const json& config, const std::string& key, int64_t fallback, const std::string& where) {
     if (!config.contains(key) || config[key].is_null()) return {fallback, fallback};
@@ -227,7 +237,7 @@ Value convolution(Context& c, const Layer& l, const std::vector<Value>& in, bool
     if (k.shape.size() != 4 || k.shape[0] != kernel[0] || k.shape[1] != kernel[1])
         throw ImportError(where + ": the kernel's shape does not match kernel_size");
     const int64_t inChannels = x.shape[3] >= 0 ? x.shape[3] : -1;
-    int64_t groups = depthwise ? k.shape[2] : l.config.value("groups", int64_t{1});
+    int64_t groups = depthwise ? k.shape[2] : optionInteger(l, "groups", 1, where);
     int64_t filters = depthwise ? k.shape[2] * k.shape[3] : k.shape[3];
     std::string w;
     if (depthwise) {
@@ -290,8 +300,8 @@ Value unaryOp(Context& c, const std::vector<Value>& in, const std::string& where
 
 Value reluLayer(Context& c, const Layer& l, const std::vector<Value>& in) {
     const std::string where = c.where(l);
-    if (l.config.value("threshold", 0.0) != 0.0) throw ImportError(where + ": a threshold is not supported");
-    const float slope = l.config.value("negative_slope", 0.0f);
+    if (optionFloat(l, "threshold", 0.0f, where) != 0.0f) throw ImportError(where + ": a threshold is not supported");
+    const float slope = optionFloat(l, "negative_slope", 0.0f, where);
     Value y =
         slope == 0.0f ? unaryOp(c, in, where, "Relu") : unaryOp(c, in, where, "LeakyRelu", {attrFloat("alpha", slope)});
     const json& max = l.config.value("max_value", json());
@@ -321,7 +331,7 @@ Value batchNormalization(Context& c, const Layer& l, const std::vector<Value>& i
     const Weight& mean = c.weight(l, "moving_mean");
     const Weight& variance = c.weight(l, "moving_variance");
     const size_t n = mean.f32.size();
-    const float epsilon = l.config.value("epsilon", 1e-3f);
+    const float epsilon = optionFloat(l, "epsilon", 1e-3f, where);
     std::vector<float> scale(n, 1.0f), shift(n, 0.0f);
     const Weight* gamma = l.config.value("scale", true) ? &c.weight(l, "gamma") : nullptr;
     const Weight* beta = l.config.value("center", true) ? &c.weight(l, "beta") : nullptr;
@@ -359,7 +369,7 @@ Value merge(Context& c, const Layer& l, const std::vector<Value>& in, const std:
 Value concatenate(Context& c, const Layer& l, const std::vector<Value>& in) {
     const std::string where = c.where(l);
     if (in.empty()) throw ImportError(where + ": has no inputs");
-    const int64_t tfAxis = l.config.value("axis", int64_t{-1});
+    const int64_t tfAxis = optionInteger(l, "axis", -1, where);
     const size_t rank = in[0].rank();
     const int64_t axis = tfAxis < 0 ? tfAxis + static_cast<int64_t>(rank) : tfAxis;
     Value y{"", in[0].shape};
@@ -402,7 +412,7 @@ Value pixelShuffle(Context& c, const Layer& l, const std::vector<Value>& in) {
     const std::string where = c.where(l);
     const Value& x = single(in, where);
     requireRank(x, 4, where);
-    int64_t k = l.config.value("scale", int64_t{0});
+    int64_t k = optionInteger(l, "scale", 0, where);
     if (k <= 0) {  // PixelShuffle<k>x
         const std::string digits = l.className.substr(12, l.className.size() - 13);
         k = digits.empty() ? 0 : std::atoll(digits.c_str());
@@ -554,12 +564,12 @@ const std::map<std::string, Converter>& converters() {
         {"ReLU", reluLayer},
         {"LeakyReLU",
          [](Context& c, const Layer& l, const std::vector<Value>& in) {
-             const float alpha = l.config.value("alpha", l.config.value("negative_slope", 0.3f));
+             const float alpha = optionFloat(l, "alpha", optionFloat(l, "negative_slope", 0.3f, c.where(l)), c.where(l));
              return unaryOp(c, in, c.where(l), "LeakyRelu", {attrFloat("alpha", alpha)});
          }},
         {"ELU",
          [](Context& c, const Layer& l, const std::vector<Value>& in) {
-             return unaryOp(c, in, c.where(l), "Elu", {attrFloat("alpha", l.config.value("alpha", 1.0f))});
+             return unaryOp(c, in, c.where(l), "Elu", {attrFloat("alpha", optionFloat(l, "alpha", 1.0f, c.where(l)))});
          }},
         {"PReLU", preluLayer},
         {"Softmax", softmaxLayer},
@@ -596,12 +606,13 @@ const std::map<std::string, Converter>& converters() {
         {"ActivityRegularization", identityLayer},
         {"Rescaling",
          [](Context& c, const Layer& l, const std::vector<Value>& in) {
-             return scaleLayer(c, in, c.where(l), l.config.value("scale", 1.0f), l.config.value("offset", 0.0f));
+             return scaleLayer(c, in, c.where(l), optionFloat(l, "scale", 1.0f, c.where(l)),
+                               optionFloat(l, "offset", 0.0f, c.where(l)));
          }},
         // UpscalerJS's own layers, defined in the package's JavaScript.
         {"MultiplyBeta",
          [](Context& c, const Layer& l, const std::vector<Value>& in) {
-             return scaleLayer(c, in, c.where(l), l.config.value("beta", 0.2f), 0.0f);
+             return scaleLayer(c, in, c.where(l), optionFloat(l, "beta", 0.2f, c.where(l)), 0.0f);
          }},
         {"PixelShuffle", pixelShuffle},
         {"Lambda",
