@@ -90,6 +90,12 @@ const std::vector<TargetConfig>& targetConfigs() {
             standIn(16, "deinterlace_config.json", "de", "deinterlace"),
         };
         for (TargetConfig& c : v) {
+            if (c.target == 1) {
+                c.displayName = "Denoiser stand-in (temporal averaging)";
+                c.description = "Classical stand-in network, no trained weights: a light blur, then each frame "
+                                "averaged with its neighbours, weighted by how closely they match it (motion and "
+                                "noise adaptive), in two stages over five frames.";
+            }
             if (c.target != 9) continue;
             c.modelId = kDepthStandInId;
             c.displayName = "Depth stand-in";

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "DenoiserStandIn.h"
 #include "GraphBuilder.h"
 #include "PackageFiles.h"
 
@@ -99,7 +100,10 @@ onnx::ModelProto buildUpresEnhanceStandIn() {
 
 std::vector<std::string> standInModelIds() {
     const std::string up = kUpresStandInId;
-    return {kDepthStandInId, std::string(kDepthStandInId) + "_colorize", up + "_2x", up + "_4x", up + "_enhance"};
+    std::vector<std::string> ids{kDepthStandInId, std::string(kDepthStandInId) + "_colorize", up + "_2x", up + "_4x",
+                                 up + "_enhance"};
+    for (const std::string& id : denoiserStandInModelIds()) ids.push_back(id);
+    return ids;
 }
 
 void writeStandIns(const std::filesystem::path& modelFolder) {
@@ -110,6 +114,7 @@ void writeStandIns(const std::filesystem::path& modelFolder) {
     writeModel(buildUpresStandIn(2), modelFolder / (up + "_2x.onnx"));
     writeModel(buildUpresStandIn(4), modelFolder / (up + "_4x.onnx"));
     writeModel(buildUpresEnhanceStandIn(), modelFolder / (up + "_enhance.onnx"));
+    writeDenoiserStandIn(modelFolder);
 }
 
 }  // namespace qpkg

@@ -17,6 +17,8 @@
 //   upres_standin_enhance.onnx   1x3xHxW F16 -> same: a mild sharpen, x + k (4x - the four
 //                                neighbours) with k = kUpresEnhanceAmount, edges repeated,
 //                                clamped to 0..1.
+//
+// Denoising ("denoiser_standin_stage1", "_stage2"): see DenoiserStandIn.h.
 #include <filesystem>
 #include <string>
 #include <vector>

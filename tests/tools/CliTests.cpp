@@ -84,7 +84,8 @@ TEST(Cli, WritesOnlyWhatWasAskedAndNoTemporaries) {
     r = runPkg("sampler " + quoted(other.path()) + " --type F32 --dynamic");
     EXPECT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(listFiles(other.path()),
-              (std::vector<std::string>{"denormalize-output_F16_1x64x32.onnx", "denormalize-output_F16_2x8x8.onnx",
+              (std::vector<std::string>{"denoiser_standin_stage1.onnx", "denoiser_standin_stage2.onnx",
+                                        "denormalize-output_F16_1x64x32.onnx", "denormalize-output_F16_2x8x8.onnx",
                                         "denormalize-output_F32_1x64x32.onnx", "denormalize-output_F32_2x8x8.onnx",
                                         "depth_standin.onnx", "depth_standin_colorize.onnx",
                                         "normalize-input_F16_1x64x32.onnx", "normalize-input_F16_2x8x8.onnx",

@@ -34,6 +34,12 @@ TEST(ConfigFiles, SixteenFilesOfWellFormedModels) {
             for (const char* suffix : {".onnx", "_colorize.onnx"})
                 EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
         }
+        // The denoiser names its two stages.
+        if (file == "denoiser_config.json") {
+            EXPECT_EQ(m["modelType"], "fdvd");
+            for (const char* suffix : {"_stage1.onnx", "_stage2.onnx"})
+                EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
+        }
         // Upscalers: every scale's padding is a whole number of its output pixels, and the
         // network of each scale is in the package.
         for (const nlohmann::json& model : j["availableModels"]) {

@@ -412,7 +412,9 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
         kinds[id] = record["kind"];
         EXPECT_TRUE(fs::is_regular_file(dir / "pkg" / "models" / record["onnx"].get<std::string>())) << id;
     }
-    EXPECT_EQ(kinds, (std::map<std::string, std::string>{{"depth_standin", "stand-in"},
+    EXPECT_EQ(kinds, (std::map<std::string, std::string>{{"denoiser_standin_stage1", "stand-in"},
+                                                         {"denoiser_standin_stage2", "stand-in"},
+                                                         {"depth_standin", "stand-in"},
                                                          {"depth_standin_colorize", "stand-in"},
                                                          {"esrgan_medium_2x", "imported"},
                                                          {"esrgan_medium_enhance", "imported"},
@@ -438,7 +440,7 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out.rfind("Real networks skipped: " + (dir / "elsewhere").string() + " does not exist", 0), 0u)
         << r.out;
-    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 5u);  // the stand-ins
+    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 7u);  // the stand-ins
 }
 
 TEST(RealNetworks, ImportCommandWritesAFileOrNothing) {
