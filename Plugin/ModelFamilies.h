@@ -1,6 +1,7 @@
 #pragma once
 // The model families this build contains; the others are registered as UnavailableModel.
 #include "Plugin/Models/DA2/Context.h"
+#include "Plugin/Models/FastDVDNet/Context.h"
 #include "Plugin/Models/PLKSR/Context.h"
 #include "Plugin/Models/RRDBNet/Context.h"
 #include "Plugin/UnavailableModel.h"

@@ -117,7 +117,7 @@ void PluginContext::registerModel(const std::string& type) {
 }
 
 void PluginContext::registerModels() {
-    registerModel<UnavailableModel>("fdvd");
+    registerModel<FastDVDNet_Context>("fdvd");
     registerModel<UnavailableModel>("bvsrpp");
     registerModel<UnavailableModel>("fdvd_aligned");
     registerModel<UnavailableModel>("raft");

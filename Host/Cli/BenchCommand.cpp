@@ -1,6 +1,6 @@
-// quillon bench: frames per second of renders through the plug-in, against the target's main
-// network run bare with ONNX Runtime as many times as the plug-in ran it, and the plug-in's
-// overhead as the ratio of the two.
+// quillon bench: frames per second of renders through the plug-in, against the target's networks
+// run bare with ONNX Runtime as many times as the plug-in ran them, and the plug-in's overhead as
+// the ratio of the two. Effects that render frames side by side are timed on two threads too.
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <onnxruntime_cxx_api.h>
+#include <thread>
 
 #include "Host/Cli/CliError.h"
 #include "Host/Cli/Commands.h"
@@ -25,19 +26,31 @@ using Clock = std::chrono::steady_clock;
 
 double seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
 
-// The network that a frame of the target runs, and how many times.
+// One network and how many times the timed frames ran it.
 struct NetworkRuns {
     std::filesystem::path file;
-    int runs = 1;
-    int tileW = 0, tileH = 0;  // the input's extents where the network leaves them free
-    std::string note;          // what the bare runs leave out, if anything
+    long runs = 0;
+    int tileW = 0, tileH = 0;  // the inputs' extents where the network leaves them free
 };
 
-// What the bench does for one target: default picture size and frame count, and the network.
+// What the timed frames did, as the bench's targets need it.
+struct TimedFrames {
+    int frames = 0;
+    std::vector<float> progress;  // of the first frame
+    QHost::ComputeCache::Stats cache;
+    ML::u64 cacheEntries = 0, cacheBytes = 0;
+};
+
+struct Networks {
+    std::vector<NetworkRuns> runs;
+    std::string note;  // what the bare runs leave out, if anything
+};
+
+// What the bench does for one target: default picture size and frame count, and the networks.
 struct BenchTarget {
     int target;
     int width, height, frames;
-    std::function<NetworkRuns(Session&, const Options&, const RenderRequest&, const FrameResult&)> network;
+    std::function<Networks(Session&, const Options&, const RenderRequest&, const TimedFrames&)> networks;
 };
 
 std::string modelIdOf(Session& session, int target, int model) {
@@ -46,17 +59,22 @@ std::string modelIdOf(Session& session, int target, int model) {
     return id;
 }
 
-NetworkRuns depthNetwork(Session& session, const Options& o, const RenderRequest&, const FrameResult&) {
+NetworkRuns networkOf(Session& session, int target, int model, const std::string& file, long runs) {
     NetworkRuns n;
-    n.file = session.packageDir() / "models" / (modelIdOf(session, TARGET_DEPTH, o.model) + ".onnx");
-    n.tileW = session.params().getIntPluginParam(TARGET_DEPTH, 104, o.model);
-    n.tileH = session.params().getIntPluginParam(TARGET_DEPTH, 105, o.model);
+    n.file = session.packageDir() / "models" / (file + ".onnx");
+    n.runs = runs;
+    n.tileW = session.params().getIntPluginParam(target, 104, model);
+    n.tileH = session.params().getIntPluginParam(target, 105, model);
     return n;
+}
+
+Networks depthNetworks(Session& session, const Options& o, const RenderRequest&, const TimedFrames& t) {
+    return {{networkOf(session, TARGET_DEPTH, o.model, modelIdOf(session, TARGET_DEPTH, o.model), t.frames)}, ""};
 }
 
 // The upscaler's network of the factor itself when the package has one, else of the next larger
 // scale (or the largest), run once per tile the plug-in reported.
-NetworkRuns upresNetwork(Session& session, const Options& o, const RenderRequest& request, const FrameResult& frame) {
+Networks upresNetworks(Session& session, const Options& o, const RenderRequest& request, const TimedFrames& t) {
     const std::string id = modelIdOf(session, 2, o.model);
     const std::filesystem::path models = session.packageDir() / "models";
     const float factor = request.outputScale;
@@ -69,18 +87,32 @@ NetworkRuns upresNetwork(Session& session, const Options& o, const RenderRequest
     }
     const int scale = exact ? exact : larger ? larger : largest;
     if (scale == 0) throw CliError(EXIT_HOST, "the package has no network for upscaler " + id);
-    NetworkRuns n;
-    n.file = models / (id + "_" + std::to_string(scale) + "x.onnx");
-    n.runs = std::max<int>(1, static_cast<int>(frame.progress.size()) - 1);  // 0, then one report per tile
-    n.tileW = session.params().getIntPluginParam(2, 104, o.model);
-    n.tileH = session.params().getIntPluginParam(2, 105, o.model);
-    if (!exact) n.note = "resampling to the factor counted as plug-in work";
-    return n;
+    const long tiles = std::max<long>(1, static_cast<long>(t.progress.size()) - 1);  // 0, then one report per tile
+    return {{networkOf(session, 2, o.model, id + "_" + std::to_string(scale) + "x", tiles * t.frames)},
+            exact ? "" : "resampling to the factor counted as plug-in work"};
+}
+
+// Stage 2 runs once per tile of every frame; stage 1 once per tile of every result the cache did
+// not hold. The tile count comes from the size of the cached results (three half-float planes a tile).
+Networks denoiseNetworks(Session& session, const Options& o, const RenderRequest&, const TimedFrames& t) {
+    const std::string id = modelIdOf(session, 1, o.model);
+    NetworkRuns stage1 = networkOf(session, 1, o.model, id + "_stage1", 0);
+    NetworkRuns stage2 = networkOf(session, 1, o.model, id + "_stage2", 0);
+    const ML::u64 tileBytes = ML::u64(2) * 3 * static_cast<ML::u64>(stage1.tileW) * static_cast<ML::u64>(stage1.tileH);
+    const long tiles = t.cacheEntries && tileBytes ? static_cast<long>(t.cacheBytes / t.cacheEntries / tileBytes) : 1;
+    stage1.runs = tiles * static_cast<long>(t.cache.fills);
+    stage2.runs = tiles * t.frames;
+    char note[160];
+    const ML::u64 lookups = t.cache.hits + t.cache.misses;
+    std::snprintf(note, sizeof note, "stage-1 results from the cache: %.0f%% of %llu", lookups ? 100.0 * t.cache.hits / lookups : 0.0,
+                  static_cast<unsigned long long>(lookups));
+    return {{stage1, stage2}, note};
 }
 
 const BenchTarget kBenchTargets[] = {
-    {TARGET_DEPTH, 1920, 1080, 10, depthNetwork},
-    {2, 640, 360, 3, upresNetwork},
+    {1, 1920, 1080, 6, denoiseNetworks},
+    {2, 640, 360, 3, upresNetworks},
+    {TARGET_DEPTH, 1920, 1080, 10, depthNetworks},
 };
 
 struct DirectRun {
@@ -88,8 +120,9 @@ struct DirectRun {
     std::string shape;
 };
 
+// An input of the network: the picture sampled to it for three channels, 1.0 otherwise.
 template <class T>
-Ort::Value pictureTensor(std::vector<T>& data, const std::vector<int64_t>& shape, const QMedia::Frame& picture) {
+Ort::Value inputTensor(std::vector<T>& data, const std::vector<int64_t>& shape, const QMedia::Frame& picture) {
     const int64_t c = shape[1], h = shape[2], w = shape[3];
     data.resize(static_cast<std::size_t>(c * h * w));
     for (int64_t ch = 0; ch < c; ++ch)
@@ -98,15 +131,15 @@ Ort::Value pictureTensor(std::vector<T>& data, const std::vector<int64_t>& shape
                 const int sx = static_cast<int>(x * picture.width() / w);
                 const int sy = static_cast<int>(y * picture.height() / h);
                 const int sc = static_cast<int>(std::min<int64_t>(ch, picture.channels() - 1));
-                data[static_cast<std::size_t>((ch * h + y) * w + x)] = T(picture.sample(sx, sy, sc));
+                data[static_cast<std::size_t>((ch * h + y) * w + x)] = T(c == 3 ? picture.sample(sx, sy, sc) : 1.0f);
             }
     const auto memory = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
     return Ort::Value::CreateTensor<T>(memory, data.data(), data.size(), shape.data(), shape.size());
 }
 
-// The network alone: an input of the network's size (F16 or F32, planar, the picture sampled to
-// it), prepared once, run `runs` times for each of `frames` frames after one warm-up run.
-DirectRun runDirect(const NetworkRuns& n, const QMedia::Frame& picture, int frames) {
+// The network alone: inputs of the network's size (F16 or F32, planar), prepared once, run
+// `runs` times after one warm-up run.
+DirectRun runDirect(const NetworkRuns& n, const QMedia::Frame& picture) {
     // ONNX Runtime keeps one environment per process: this is the backend's, made with a shared
     // thread pool. The bare network runs on that pool too, as the backend's networks do; a pool
     // of its own would compete for the cores with the shared pool's spinning threads.
@@ -127,35 +160,62 @@ DirectRun runDirect(const NetworkRuns& n, const QMedia::Frame& picture, int fram
     }();
 
     Ort::AllocatorWithDefaultOptions allocator;
-    const auto inputName = session.GetInputNameAllocated(0, allocator);
-    const auto outputName = session.GetOutputNameAllocated(0, allocator);
-    const Ort::TypeInfo type = session.GetInputTypeInfo(0);
-    const auto info = type.GetTensorTypeAndShapeInfo();  // a view into `type`
-    std::vector<int64_t> shape = info.GetShape();
-    if (shape.size() != 4) throw CliError(EXIT_FAILURE_OTHER, "the network's input is not 4D: " + n.file.string());
-    if (shape[0] < 1) shape[0] = 1;
-    if (shape[1] < 1) shape[1] = 3;
-    if (shape[2] < 1) shape[2] = n.tileH > 0 ? n.tileH : 256;
-    if (shape[3] < 1) shape[3] = n.tileW > 0 ? n.tileW : 256;
-
-    std::vector<Ort::Float16_t> halves;
-    std::vector<float> floats;
-    Ort::Value tensor = info.GetElementType() == ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT
-                            ? pictureTensor(floats, shape, picture)
-                            : pictureTensor(halves, shape, picture);
-    const char* inputs[] = {inputName.get()};
-    const char* outputs[] = {outputName.get()};
-    session.Run(Ort::RunOptions{nullptr}, inputs, &tensor, 1, outputs, 1);  // warm-up
-
+    std::vector<Ort::AllocatedStringPtr> names;
+    std::vector<const char*> inputNames, outputNames;
+    std::vector<Ort::Value> inputs;
+    std::vector<std::vector<Ort::Float16_t>> halves(session.GetInputCount());
+    std::vector<std::vector<float>> floats(session.GetInputCount());
     DirectRun run;
-    run.shape = std::to_string(shape[0]) + "x" + std::to_string(shape[1]) + "x" + std::to_string(shape[2]) + "x" +
-                std::to_string(shape[3]);
-    for (int i = 0; i < frames * n.runs; ++i) {
+    for (std::size_t i = 0; i < session.GetInputCount(); ++i) {
+        names.push_back(session.GetInputNameAllocated(i, allocator));
+        inputNames.push_back(names.back().get());
+        const Ort::TypeInfo type = session.GetInputTypeInfo(i);
+        const auto info = type.GetTensorTypeAndShapeInfo();  // a view into `type`
+        std::vector<int64_t> shape = info.GetShape();
+        if (shape.size() != 4) throw CliError(EXIT_FAILURE_OTHER, "an input of the network is not 4D: " + n.file.string());
+        if (shape[0] < 1) shape[0] = 1;
+        if (shape[1] < 1) shape[1] = 3;
+        if (shape[2] < 1) shape[2] = n.tileH > 0 ? n.tileH : 256;
+        if (shape[3] < 1) shape[3] = n.tileW > 0 ? n.tileW : 256;
+        inputs.push_back(info.GetElementType() == ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT
+                             ? inputTensor(floats[i], shape, picture)
+                             : inputTensor(halves[i], shape, picture));
+        if (i == 0)
+            run.shape = std::to_string(shape[0]) + "x" + std::to_string(shape[1]) + "x" + std::to_string(shape[2]) + "x" +
+                        std::to_string(shape[3]);
+    }
+    for (std::size_t i = 0; i < session.GetOutputCount(); ++i) {
+        names.push_back(session.GetOutputNameAllocated(i, allocator));
+        outputNames.push_back(names.back().get());
+    }
+    const auto once = [&] {
+        session.Run(Ort::RunOptions{nullptr}, inputNames.data(), inputs.data(), inputs.size(), outputNames.data(),
+                    outputNames.size());
+    };
+    once();  // warm-up
+    for (long i = 0; i < n.runs; ++i) {
         const auto start = Clock::now();
-        session.Run(Ort::RunOptions{nullptr}, inputs, &tensor, 1, outputs, 1);
+        once();
         run.total += seconds(start);
     }
     return run;
+}
+
+// Renders frames first..first + count - 1, `threads` at a time as the render command does;
+// returns the wall time.
+double renderFrames(FrameRenderer& renderer, const QMedia::Frame& picture,
+                    const std::function<NeighbourFrames(int)>& around, int first, int count, int threads) {
+    const auto start = Clock::now();
+    for (int batch = first; batch < first + count; batch += threads) {
+        const int n = std::min(threads, first + count - batch);
+        std::vector<FrameResult> results(static_cast<std::size_t>(n));
+        std::vector<std::thread> workers;
+        for (int k = 1; k < n; ++k)
+            workers.emplace_back([&, k] { results[k] = renderer.render(batch + k, picture, around(batch + k)); });
+        results[0] = renderer.render(batch, picture, around(batch));
+        for (auto& w : workers) w.join();
+    }
+    return seconds(start);
 }
 
 }  // namespace
@@ -163,7 +223,7 @@ DirectRun runDirect(const NetworkRuns& n, const QMedia::Frame& picture, int fram
 int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     const auto* bench = std::find_if(std::begin(kBenchTargets), std::end(kBenchTargets),
                                      [&](const BenchTarget& b) { return b.target == o.target; });
-    if (bench == std::end(kBenchTargets)) throw UsageError("bench measures depth and upres only");
+    if (bench == std::end(kBenchTargets)) throw UsageError("bench measures denoise, upres and depth only");
     const int width = o.benchWidth > 0 ? o.benchWidth : bench->width;
     const int height = o.benchHeight > 0 ? o.benchHeight : bench->height;
     const int frames = o.benchFrames > 0 ? o.benchFrames : bench->frames;
@@ -180,34 +240,68 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     const std::string modelId = modelIdOf(session, o.target, o.model);
     out << targetName(o.target) << " (" << modelId << ") of a " << width << "x" << height << " picture";
     if (request.outputScale != 1.0f) out << " scaled by " << request.outputScale;
-    out << ", " << frames << " frames, after one warm-up frame each\n";
+    out << ", " << frames << " frames, after one warm-up frame\n";
 
-    const FrameResult first = renderer.render(0, picture);  // loads the networks
+    // The one picture stands for every frame; effects that read neighbours get it for those too.
+    const auto around = [&](int frame) {
+        NeighbourFrames n;
+        for (int d = 1; d <= temporalRadius(o.target); ++d) n.emplace(frame - d, picture), n.emplace(frame + d, picture);
+        return n;
+    };
+    FrameResult first;
+    renderer.render(0, picture, around(0));  // loads the networks
+    session.host().cache().clear();
+    session.host().cache().resetStats();
     double plugin = 0;
-    for (int i = 0; i < frames; ++i) plugin += renderer.render(i + 1, picture).pluginSeconds;
+    for (int i = 0; i < frames; ++i) {
+        FrameResult r = renderer.render(i + 1, picture, around(i + 1));
+        plugin += r.pluginSeconds;
+        if (i == 0) first = std::move(r);
+    }
+    TimedFrames timed;
+    timed.frames = frames;
+    timed.progress = first.progress;
+    timed.cache = session.host().cache().stats();
+    timed.cacheEntries = session.host().cache().size();
+    timed.cacheBytes = session.host().cache().bytes();
 
-    const NetworkRuns network = bench->network(session, o, request, first);
-    DirectRun direct;
-    try {
-        direct = runDirect(network, picture, frames);
-    } catch (const Ort::Exception& e) {
-        throw CliError::because(EXIT_BACKEND, "cannot run " + network.file.string() + " with ONNX Runtime", e,
-                                network.file.string());
+    char line[400];
+    std::snprintf(line, sizeof line, "Through the plug-in:   %9.3f ms per frame, %.2f frames/s (modes 3 and 4)\n",
+                  plugin / frames * 1000.0, plugin > 0 ? frames / plugin : 0.0);
+    out << line;
+
+    if (allowsParallelFrames(o.target) && temporalRadius(o.target) > 0) {
+        // Frames of their own numbers, so that the cache holds none of them yet.
+        const int base = frames + 100;
+        session.host().cache().clear();
+        const double one = renderFrames(renderer, picture, around, base, frames, 1);
+        session.host().cache().clear();
+        const double two = renderFrames(renderer, picture, around, base + 1000, frames, 2);
+        std::snprintf(line, sizeof line,
+                      "Host threads:          %9.2f frames/s on one, %.2f on two (%.2fx; goal >= 1.6x)\n",
+                      frames / one, frames / two, one / two);
+        out << line;
     }
 
-    const double perPlugin = plugin / frames * 1000.0;
-    const double perDirect = direct.total / frames * 1000.0;
-    const double ratio = direct.total > 0 ? plugin / direct.total : 0.0;
-    char line[320];
-    std::snprintf(line, sizeof line, "Through the plug-in:   %9.3f ms per frame, %.2f frames/s (modes 3 and 4)\n",
-                  perPlugin, plugin > 0 ? frames / plugin : 0.0);
-    out << line;
-    std::snprintf(line, sizeof line, "Network alone (ORT):   %9.3f ms per frame (%d run%s of %s on %s, prepared once)\n",
-                  perDirect, network.runs, network.runs == 1 ? "" : "s", network.file.filename().c_str(),
-                  direct.shape.c_str());
-    out << line;
+    const Networks networks = bench->networks(session, o, request, timed);
+    double direct = 0;
+    for (const NetworkRuns& n : networks.runs) {
+        DirectRun run;
+        try {
+            run = runDirect(n, picture);
+        } catch (const Ort::Exception& e) {
+            throw CliError::because(EXIT_BACKEND, "cannot run " + n.file.string() + " with ONNX Runtime", e,
+                                    n.file.string());
+        }
+        direct += run.total;
+        std::snprintf(line, sizeof line, "Network alone (ORT):   %9.3f ms per frame (%ld run%s of %s on %s, prepared once)\n",
+                      run.total / frames * 1000.0, n.runs, n.runs == 1 ? "" : "s", n.file.filename().c_str(),
+                      run.shape.c_str());
+        out << line;
+    }
+    const double ratio = direct > 0 ? plugin / direct : 0.0;
     std::snprintf(line, sizeof line, "Plug-in overhead:      %9.3f x the network time (%+.1f%%; goal <= +5%%)%s%s\n",
-                  ratio, (ratio - 1.0) * 100.0, network.note.empty() ? "" : "; ", network.note.c_str());
+                  ratio, (ratio - 1.0) * 100.0, networks.note.empty() ? "" : "; ", networks.note.c_str());
     out << line;
     return EXIT_OK;
 }

@@ -26,6 +26,10 @@ ML::u32 outputFormat(int target, int id, const QHost::OwnedImage& input) {
     return input.getChannelFormat();
 }
 
+// The denoiser hands back the input's own pixels, tile by tile, so its output is of the input's
+// type; other effects write floats.
+ML::u32 outputType(int target, const QHost::OwnedImage& input) { return target == 1 ? input.getDataType() : ML::F32; }
+
 bool isJsonPath(const std::filesystem::path& path) { return path.extension() == ".json"; }
 
 // Removes the call's settings from the watch however the render ends.
@@ -62,7 +66,7 @@ RenderRequest renderRequestFor(const Options& o) {
 FrameRenderer::FrameRenderer(Session& session, CancelWatch& cancel, RenderRequest request)
     : session_(session), cancel_(cancel), request_(std::move(request)) {}
 
-FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame) {
+FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, const NeighbourFrames& neighbours) {
     auto settings = session_.newSettings(3, request_.target);
     const auto frameNumber = static_cast<ML::u32>(frame);
     settings->setFrame(frameNumber);
@@ -90,8 +94,11 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame) {
     }
     const auto input = toHostImage(inputFrame, inRect);
     const ML::u32 format0 = outputFormat(request_.target, 0, *input);
-    auto output = makeOutputImage(outRect, format0, ML::F32, outputLayout(format0));
+    auto output = makeOutputImage(outRect, format0, outputType(request_.target, *input), outputLayout(format0));
     settings->setInputImage(frameNumber, input);
+    // Frame numbers are the plug-in's unsigned ones: frame -1 is 2^32 - 1 there.
+    for (const auto& [number, picture] : neighbours)
+        settings->setInputImage(static_cast<ML::u32>(number), toHostImage(picture, inRect));
     settings->setOutputImage(frameNumber, output, {0, -1});
     ML::Ptr<QHost::OwnedImage> output1;
     if (request_.wantOutput1) {

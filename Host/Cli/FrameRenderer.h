@@ -3,6 +3,7 @@
 // mode 4 (render) with the same settings, and the outputs taken back as frames.
 // render() may run on several threads at once.
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -28,6 +29,8 @@ struct RenderRequest {
     std::vector<BufferOutput> buffers;
 };
 
+using NeighbourFrames = std::map<int, QMedia::Frame>;
+
 struct FrameResult {
     QMedia::Frame output;   // output image 0
     QMedia::Frame output1;  // output image 1, empty unless asked for
@@ -47,7 +50,8 @@ public:
     FrameRenderer(Session& session, CancelWatch& cancel, RenderRequest request);
 
     // Throws CliError with the exit code of the plug-in's result and its error text.
-    FrameResult render(int frame, const QMedia::Frame& input);
+    // `neighbours` are the other frames the effect reads, by frame number.
+    FrameResult render(int frame, const QMedia::Frame& input, const NeighbourFrames& neighbours = {});
 
 private:
     Session& session_;

@@ -8,6 +8,7 @@
 #include "Host/Cli/CliError.h"
 #include "Host/Cli/Commands.h"
 #include "Host/Cli/FrameRenderer.h"
+#include "Host/Cli/FrameWindow.h"
 #include "Host/Cli/Progress.h"
 #include "Host/Cli/Session.h"
 #include "Host/Cli/Targets.h"
@@ -137,20 +138,28 @@ int runRender(const Options& o, std::ostream& out, std::ostream& err) {
         ~Finish() { p.finish(); }
     } finishProgress{progress};
 
+    // An image stands for every frame; sequences and videos repeat their ends.
+    const QMedia::FrameRange clip =
+        source->kind() == QMedia::MediaKind::Image ? frames : source->frameRange();
+    FrameWindow window(clip, temporalRadius(o.target), [&](int f) { return readFrame(*source, f); });
+
     for (int batchStart = frames.first; batchStart <= frames.last; batchStart += threads) {
         const int batch = std::min(threads, frames.last - batchStart + 1);
+        window.forgetBefore(batchStart);
         std::vector<QMedia::Frame> inputs;
+        std::vector<NeighbourFrames> neighbours;
         for (int k = 0; k < batch; ++k) {
             if (interrupted()) throw CliError(EXIT_CANCELLED, "cancelled");
-            inputs.push_back(readFrame(*source, batchStart + k));
+            inputs.push_back(window.frame(batchStart + k));
             if (o.roi) checkRoi(*o.roi, inputs.back());
+            neighbours.push_back(window.neighboursOf(batchStart + k));
         }
 
         std::vector<FrameResult> results(static_cast<std::size_t>(batch));
         std::vector<std::exception_ptr> failures(static_cast<std::size_t>(batch));
         auto work = [&](int k) {
             try {
-                results[k] = renderer.render(batchStart + k, inputs[k]);
+                results[k] = renderer.render(batchStart + k, inputs[k], neighbours[k]);
             } catch (...) {
                 failures[k] = std::current_exception();
             }

@@ -42,6 +42,7 @@ std::string targetName(int number) {
 
 bool allowsParallelFrames(int target) {
     switch (target) {
+        case 1:   // denoise: its shared results live in the host's cache, threads take turns at its slots
         case 2:   // upres
         case 9:   // depth
         case 10:  // matting
@@ -51,6 +52,13 @@ bool allowsParallelFrames(int target) {
             return true;
         default:
             return false;
+    }
+}
+
+int temporalRadius(int target) {
+    switch (target) {
+        case 1: return 2;  // denoise: five frames
+        default: return 0;
     }
 }
 

@@ -25,4 +25,8 @@ std::string targetName(int number);
 // keep nothing between frames.
 bool allowsParallelFrames(int target);
 
+// How many frames on each side of the rendered one the effect reads (0 for single-frame effects).
+// The host hands them over with the frame, repeating the clip's first and last frames past its ends.
+int temporalRadius(int target);
+
 }  // namespace QCli

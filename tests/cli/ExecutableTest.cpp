@@ -141,13 +141,20 @@ TEST(CliRender, UpresOutputIsTheFactorsSizeAboutTheOrigin) {
 TEST(CliRender, ThreadsGiveTheSameFrames) {
     TempDir dir;
     QMedia::writeImage(dir / "ramp.png", greyFrame(48, 32, -1.0f));
-    for (const char* run : {"a.%d.exr -f 0-3 -j 1", "b.%d.exr -f 0-3 -j 3"}) {
-        const auto r = runQuillon("render -t depth -i " + quote(dir / "ramp.png") + " -o " + quote(dir.path()) + "/" + run);
-        ASSERT_EQ(r.exitCode, 0) << r.output;
-    }
-    for (int f = 0; f < 4; ++f) {
-        const auto n = std::to_string(f);
-        EXPECT_EQ(readImage(dir / ("a." + n + ".exr")), readImage(dir / ("b." + n + ".exr"))) << f;
+    // Depth keeps nothing between frames; the denoiser reads two frames on each side and shares
+    // its first stage's results between frames through the host's cache.
+    for (const std::string target : {"depth", "denoise"}) {
+        SCOPED_TRACE(target);
+        for (const char* run : {"a.%d.exr -f 0-3 -j 1", "b.%d.exr -f 0-3 -j 3"}) {
+            const auto r = runQuillon("render -t " + target + " -i " + quote(dir / "ramp.png") + " -o " +
+                                      quote(dir.path()) + "/" + target + run);
+            ASSERT_EQ(r.exitCode, 0) << r.output;
+            EXPECT_EQ(r.output.find("--threads ignored"), std::string::npos) << r.output;
+        }
+        for (int f = 0; f < 4; ++f) {
+            const auto n = std::to_string(f);
+            EXPECT_EQ(readImage(dir / (target + "a." + n + ".exr")), readImage(dir / (target + "b." + n + ".exr"))) << f;
+        }
     }
 }
 
@@ -163,6 +170,10 @@ TEST(CliCommands, ListHelpDemoAndBench) {
         {"bench --frames 1 --size 64x48", {"Through the plug-in:", "Network alone (ORT):", "Plug-in overhead:"}},
         // 600x200 out of tiles of 256 that overlap by 32: three tiles, each one run.
         {"bench -t upres -m 3 --frames 1 --size 300x100", {"scaled by 2,", "(3 runs of upres_standin_2x.onnx on 1x3x128x128"}},
+        // Two frames of 300x100 in two tiles: four stage-1 results made, two taken from the cache.
+        {"bench -t denoise --frames 2 --size 300x100",
+         {"Host threads:", "(8 runs of denoiser_standin_stage1.onnx", "(4 runs of denoiser_standin_stage2.onnx",
+          "stage-1 results from the cache: 33% of 6"}},
     };
     for (const auto& c : cases) {
         const auto r = runQuillon(c.arguments);
@@ -224,11 +235,10 @@ TEST(CliErrorPath, OnePlainLineTheExitCodeAndNoOutput) {
         {render + " --origin 3", QCli::EXIT_USAGE, "bad origin"},
         {"render -t upres --scale 1 -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "u.png"),
          QCli::EXIT_FAILURE_OTHER, "upres factor must be > 1"},
-        // Targets other than depth are not in this build: the plug-in fails with result 4 and
-        // logs its own line.
-        {"render -t denoise -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
+        // Families not in this build: the plug-in fails with result 4 and logs its own line.
+        {"render -t optical-flow -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
          QCli::EXIT_FAILURE_OTHER, "not available in this build"},
-        {"render -t denoise -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
+        {"render -t optical-flow -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
          QCli::EXIT_FAILURE_OTHER, "[Quillon] [E]"},
         {"render -t depth -m 7 -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.mkv"),
          QCli::EXIT_FAILURE_OTHER, "Model idx out of range!"},

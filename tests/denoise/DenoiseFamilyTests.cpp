@@ -1,0 +1,203 @@
+// The five-frame denoiser end to end through mlMain, with the default package's stand-in stage
+// networks on the ONNX Runtime CPU backend: a generated clip with known noise comes out cleaner,
+// the same whatever order the frames are rendered in, on two threads, and with the host's cached
+// stage-1 results evicted between renders.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Host/CallSettings.h"
+#include "Host/Host.h"
+#include "Host/OwnedImage.h"
+#include "Plugin/PluginMain.h"
+
+#include "util/InProcessPlugin.h"
+
+namespace {
+
+using ML::Image;
+using ML::Rect;
+using ImagePtr = ML::Ptr<QHost::OwnedImage>;
+
+using inprocess::host;
+using inprocess::kSentinel;
+using inprocess::setValue;
+using inprocess::valueAt;
+
+const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
+
+// Wider than one tile of 256, so that tiles meet; eight frames.
+constexpr int kW = 300, kH = 72, kFrames = 8;
+constexpr float kSigma = 0.05f;
+const Rect kRect{0, 0, kW, kH};
+
+// Smooth colours with a bright square that moves 3 pixels a frame.
+float clean(int f, int x, int y, int c) {
+    const bool square = x >= 40 + 3 * f && x < 64 + 3 * f && y >= 20 && y < 44;
+    if (square) return 0.9f;
+    return 0.35f + 0.2f * std::sin(0.05f * x + 0.9f * c) * std::cos(0.07f * y);
+}
+
+struct Clip {
+    std::vector<ImagePtr> noisy;
+    Clip() {
+        for (int f = 0; f < kFrames; ++f) {
+            std::mt19937 random(1000u + static_cast<unsigned>(f));
+            std::normal_distribution<float> noise(0.0f, kSigma);
+            ImagePtr image = QHost::OwnedImage::make(kRect, Image::RGB, Image::HWC, ML::F32);
+            for (int y = 0; y < kH; ++y)
+                for (int x = 0; x < kW; ++x)
+                    for (int c = 0; c < 3; ++c) setValue(*image, x, y, c, clean(f, x, y, c) + noise(random));
+            noisy.push_back(image);
+        }
+    }
+};
+
+const Clip& clip() {
+    static const Clip instance;
+    return instance;
+}
+
+std::shared_ptr<QHost::CallSettings> denoiseSettings(int frame, ImagePtr output, int missing = -100) {
+    auto settings = std::make_shared<QHost::CallSettings>(4, 1);
+    settings->setDataFolder((packageDir / "config").string());
+    settings->setAuxFolder((packageDir / "models").string());
+    settings->setModelIndex(0);
+    settings->setFrame(static_cast<ML::u32>(frame));
+    // The host repeats the clip's ends; frame numbers below 0 wrap as the plug-in's do.
+    for (int d = -2; d <= 2; ++d)
+        if (frame + d != missing)
+            settings->setInputImage(static_cast<ML::u32>(frame + d), clip().noisy[std::clamp(frame + d, 0, kFrames - 1)]);
+    if (output) settings->setOutputImage(static_cast<ML::u32>(frame), output);
+    return settings;
+}
+
+ImagePtr render(int frame) {
+    ImagePtr output = QHost::OwnedImage::make(kRect, Image::RGB, Image::HWC, ML::F32);
+    auto settings = denoiseSettings(frame, output);
+    EXPECT_EQ(host().run(&mlMain, settings), ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
+    return output;
+}
+
+double psnr(const QHost::OwnedImage& image, int frame) {
+    double squared = 0;
+    for (int y = 0; y < kH; ++y)
+        for (int x = 0; x < kW; ++x)
+            for (int c = 0; c < 3; ++c) {
+                const double d = valueAt(image, x, y, c) - clean(frame, x, y, c);
+                squared += d * d;
+            }
+    return 10.0 * std::log10(kW * kH * 3 / squared);
+}
+
+float largestDifference(const QHost::OwnedImage& a, const QHost::OwnedImage& b) {
+    float worst = 0;
+    for (int y = 0; y < kH; ++y)
+        for (int x = 0; x < kW; ++x)
+            for (int c = 0; c < 3; ++c) worst = std::max(worst, std::fabs(valueAt(a, x, y, c) - valueAt(b, x, y, c)));
+    return worst;
+}
+
+// Every frame rendered in order from an empty cache.
+const std::vector<ImagePtr>& inOrder() {
+    static const std::vector<ImagePtr> outputs = [] {
+        host().cache().clear();
+        std::vector<ImagePtr> result;
+        for (int f = 0; f < kFrames; ++f) result.push_back(render(f));
+        return result;
+    }();
+    return outputs;
+}
+
+// Each stage-1 result serves three output frames: a clip of n frames needs n + 2 of them (the
+// ends repeat), each computed once.
+TEST(Denoise, CleansANoisyClipComputingEachStageOneResultOnce) {
+    host().cache().clear();
+    host().cache().resetStats();
+    const std::vector<ImagePtr>& outputs = inOrder();
+    EXPECT_EQ(host().cache().stats().fills, static_cast<ML::u64>((kFrames + 2) * 1));
+    double before = 0, after = 0;
+    for (int f = 0; f < kFrames; ++f) {
+        before += psnr(*clip().noisy[static_cast<std::size_t>(f)], f) / kFrames;
+        after += psnr(*outputs[static_cast<std::size_t>(f)], f) / kFrames;
+    }
+    std::printf("PSNR of the clip: noisy %.2f dB, denoised %.2f dB\n", before, after);
+    EXPECT_GT(after, before + 4.0);
+    // The moving square keeps its place: no ghost of it where it was two frames before.
+    EXPECT_LT(std::fabs(valueAt(*outputs[5], 40 + 3 * 5 - 4, 30, 0) - clean(5, 40 + 3 * 5 - 4, 30, 0)), 0.12f);
+}
+
+TEST(Denoise, SameFramesInAnyOrderAndAfterEvictions) {
+    const std::vector<ImagePtr>& reference = inOrder();
+    std::vector<int> reverse(kFrames), shuffled(kFrames);
+    std::iota(reverse.rbegin(), reverse.rend(), 0);
+    std::iota(shuffled.begin(), shuffled.end(), 0);
+    std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
+    const struct {
+        const char* what;
+        std::vector<int> order;
+        int evictEvery;  // 0: keep the cache; n: drop every n-th cached entry before each render
+    } cases[] = {{"reverse", reverse, 0}, {"shuffled", shuffled, 0}, {"shuffled, evicting", shuffled, 2}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        host().cache().clear();
+        for (int f : c.order) {
+            if (c.evictEvery) {
+                const auto keys = host().cache().keys();
+                for (std::size_t k = 0; k < keys.size(); k += static_cast<std::size_t>(c.evictEvery))
+                    host().cache().evict(keys[k]);
+            }
+            EXPECT_EQ(largestDifference(*render(f), *reference[static_cast<std::size_t>(f)]), 0.0f) << "frame " << f;
+        }
+    }
+}
+
+// Two host threads at once, each in a slot of its own; the frames are those of one thread.
+TEST(Denoise, ConcurrentRendersOnTwoThreadsGiveTheSameFrames) {
+    const std::vector<ImagePtr>& reference = inOrder();
+    host().cache().clear();
+    std::vector<ImagePtr> outputs(kFrames);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 2; ++t)
+        threads.emplace_back([&, t] {
+            for (int f = t; f < kFrames; f += 2) outputs[static_cast<std::size_t>(f)] = render(f);
+        });
+    for (auto& thread : threads) thread.join();
+    for (int f = 0; f < kFrames; ++f)
+        EXPECT_EQ(largestDifference(*outputs[static_cast<std::size_t>(f)], *reference[static_cast<std::size_t>(f)]), 0.0f)
+            << "frame " << f;
+}
+
+TEST(Denoise, RefusedRendersLogTheirReason) {
+    const struct {
+        const char* what;
+        bool output;
+        int missing;
+        std::string logged;
+    } cases[] = {
+        {"no output image", false, -100,
+         "No output image returned by getOutputImage() (host should return error result instead!)"},
+        {"a neighbour missing", true, 5,
+         "No input image returned by getInputImage() (host should return error result instead!)"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        ImagePtr output = c.output ? QHost::OwnedImage::make(kRect, Image::RGB, Image::HWC, ML::F32) : nullptr;
+        auto settings = denoiseSettings(3, output, c.missing);
+        host().logger().clear();
+        EXPECT_EQ(host().run(&mlMain, settings), ML::STATUS_OTHER);
+        const auto errors = host().logger().linesWith("[Quillon] [E] ");
+        ASSERT_EQ(errors.size(), 1u) << testing::PrintToString(host().logger().lines());
+        EXPECT_NE(errors[0].find(c.logged), std::string::npos) << errors[0];
+    }
+}
+
+}  // namespace
