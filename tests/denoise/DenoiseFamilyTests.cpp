@@ -7,12 +7,15 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <memory>
 #include <numeric>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "Host/CallSettings.h"
 #include "Host/Host.h"
@@ -33,6 +36,24 @@ using inprocess::setValue;
 using inprocess::valueAt;
 
 const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
+
+// The package's denoiser configuration plus a copy of its model that wants gamma-2.2 input
+// (model 1). The plug-in keeps the first folders it sees, so every test uses this copy.
+constexpr int kGammaModel = 1;
+const std::filesystem::path& configFolder() {
+    static const std::filesystem::path folder = [] {
+        const std::filesystem::path dir = std::filesystem::temp_directory_path() / "quillon_denoise_family_config";
+        std::filesystem::create_directories(dir);
+        std::ifstream in(packageDir / "config" / "denoiser_config.json");
+        nlohmann::json config = nlohmann::json::parse(in);
+        nlohmann::json gamma = config["availableModels"][0];
+        gamma["inGamma"] = 2.2;
+        config["availableModels"].push_back(gamma);
+        std::ofstream(dir / "denoiser_config.json") << config.dump();
+        return dir;
+    }();
+    return folder;
+}
 
 // Wider than one tile of 256, so that tiles meet; eight frames.
 constexpr int kW = 300, kH = 72, kFrames = 8;
@@ -66,11 +87,13 @@ const Clip& clip() {
     return instance;
 }
 
-std::shared_ptr<QHost::CallSettings> denoiseSettings(int frame, ImagePtr output, int missing = -100) {
+std::shared_ptr<QHost::CallSettings> denoiseSettings(int frame, ImagePtr output, int missing = -100, int model = 0,
+                                                     float hostGamma = 0.0f) {
     auto settings = std::make_shared<QHost::CallSettings>(4, 1);
-    settings->setDataFolder((packageDir / "config").string());
+    settings->setDataFolder(configFolder().string());
     settings->setAuxFolder((packageDir / "models").string());
-    settings->setModelIndex(0);
+    settings->setModelIndex(model);
+    settings->setFloatParam(4, 0, hostGamma);
     settings->setFrame(static_cast<ML::u32>(frame));
     // The host repeats the clip's ends; frame numbers below 0 wrap as the plug-in's do.
     for (int d = -2; d <= 2; ++d)
@@ -80,9 +103,9 @@ std::shared_ptr<QHost::CallSettings> denoiseSettings(int frame, ImagePtr output,
     return settings;
 }
 
-ImagePtr render(int frame) {
+ImagePtr render(int frame, int model = 0, float hostGamma = 0.0f) {
     ImagePtr output = QHost::OwnedImage::make(kRect, Image::RGB, Image::HWC, ML::F32);
-    auto settings = denoiseSettings(frame, output);
+    auto settings = denoiseSettings(frame, output, -100, model, hostGamma);
     EXPECT_EQ(host().run(&mlMain, settings), ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
     return output;
 }
@@ -174,6 +197,28 @@ TEST(Denoise, ConcurrentRendersOnTwoThreadsGiveTheSameFrames) {
     for (int f = 0; f < kFrames; ++f)
         EXPECT_EQ(largestDifference(*outputs[static_cast<std::size_t>(f)], *reference[static_cast<std::size_t>(f)]), 0.0f)
             << "frame " << f;
+}
+
+// A network that wants gamma-2.2 input gets the host's pictures re-encoded on the way in and
+// back on the way out; nothing changes where the host's gamma is the network's own or unknown.
+TEST(Denoise, GammaOfTheHostMeetsTheNetworks) {
+    const std::vector<ImagePtr>& reference = inOrder();
+    const struct {
+        float hostGamma;
+        bool converts;
+    } cases[] = {{0.0f, false}, {2.2f, false}, {1.0f, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.hostGamma);
+        host().cache().clear();  // stage-1 results are kept by frame numbers only
+        const ImagePtr output = render(3, kGammaModel, c.hostGamma);
+        const float difference = largestDifference(*output, *reference[3]);
+        if (c.converts) {
+            EXPECT_GT(difference, 1e-3f);
+            EXPECT_GT(psnr(*output, 3), psnr(*clip().noisy[3], 3) + 4.0);
+        } else {
+            EXPECT_EQ(difference, 0.0f);
+        }
+    }
 }
 
 TEST(Denoise, RefusedRendersLogTheirReason) {
