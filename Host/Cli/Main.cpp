@@ -16,9 +16,10 @@ Commands:
   render --target T -i IN -o OUT [options]
                              render frames of IN through an effect into OUT
   demo [--out DIR]           make the default package if missing, a sample image, and its depth
-  bench [--target depth|upres] [--frames N] [--size WxH] [--scale F]
-                             time N renders through the plug-in against the bare network
-                             (defaults: depth 10 frames of 1920x1080, upres 3 of 640x360 x2)
+  bench [--target depth|upres|denoise] [--frames N] [--size WxH] [--scale F]
+                             time N renders through the plug-in against the bare networks
+                             (defaults: depth 10 frames of 1920x1080, upres 3 of 640x360 x2,
+                             denoise 6 of 1920x1080 on one and on two host threads)
   help                       this text
 
 Inputs and outputs are image files (.png .exr .tif .jpg ...), numbered image sequences
