@@ -7,22 +7,26 @@
 #include <string>
 #include <utility>
 
+#include "ML/Exception.h"
 #include "ML/Host.h"
 
 namespace ML {
 
 // The result a fill function hands back for the exception in flight: cancellation is status 1,
-// a host failure 2, anything else 4, with the exception's text (which carries its location).
+// a host failure 2, anything else 4, with the exception's text; texts that do not start with a
+// source location get this file's.
 Result<void> resultOfCurrentException();
 
 // The buffer of `key`: the host's if it holds one, else a new one of `size` bytes that
 // fill(Buffer&) writes. Throws the failure of the host or of fill.
+// A buffer of another size under the key (left by another model, say) is refused.
 template <class Fill>
 Ptr<Buffer> computeCached(Host* host, u64 call, const std::string& key, u64 size, Fill&& fill) {
     struct Call {
         Fill& fill;
         static Result<void> run(void*, void* user, Ptr<Buffer> buffer) {
             try {
+                if (!buffer) ML_THROW("The host handed no buffer to fill");
                 static_cast<Call*>(user)->fill(*buffer);
                 return {};
             } catch (...) {
@@ -30,7 +34,11 @@ Ptr<Buffer> computeCached(Host* host, u64 call, const std::string& key, u64 size
             }
         }
     } record{fill};
-    return checkResult(host->computeCachedBuffer(call, &record, makeString(key), size, &Call::run));
+    Ptr<Buffer> buffer = checkResult(host->computeCachedBuffer(call, &record, makeString(key), size, &Call::run));
+    if (!buffer || buffer->getSize() != size)
+        ML_THROW("Cached buffer '" + key + "' has " + std::to_string(buffer ? buffer->getSize() : 0) + " bytes, expected " +
+                 std::to_string(size));
+    return buffer;
 }
 
 }  // namespace ML

@@ -50,9 +50,13 @@ void ImageTensorGammaConverter::convert(const std::shared_ptr<BackendTensor>& te
                  std::to_string(workTensors.size()));
 
     if (!workTensors[slot]) {
-        workTensors[slot] = modelContext->createTensor({static_cast<u64>(elementCount)}, dataType);
-        sourceGammaTensors[slot] = modelContext->createTensor({1}, dataType);
-        targetGammaTensors[slot] = modelContext->createTensor({1}, dataType);
+        // All three or none, so that a failed allocation leaves the slot to be made next time.
+        auto work = modelContext->createTensor({static_cast<u64>(elementCount)}, dataType);
+        auto source = modelContext->createTensor({1}, dataType);
+        auto target = modelContext->createTensor({1}, dataType);
+        sourceGammaTensors[slot] = std::move(source);
+        targetGammaTensors[slot] = std::move(target);
+        workTensors[slot] = std::move(work);
     }
     const std::shared_ptr<BackendTensor>& work = workTensors[slot];
     uploadScalar(*sourceGammaTensors[slot], fromGamma);

@@ -85,7 +85,7 @@ void ImageTensorHDRNormalizer::initWorkers(const Ptr<Image>& description) {
 void ImageTensorHDRNormalizer::updateParams() {
     float low = 1.0f;
     float high = 1.0f;
-    if (presetHigh >= 0.0f) {
+    if (!(presetHigh < 0.0f)) {
         low = presetLow;
         high = presetHigh;
     }

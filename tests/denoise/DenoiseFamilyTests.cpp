@@ -226,20 +226,34 @@ TEST(Denoise, RefusedRendersLogTheirReason) {
         const char* what;
         bool output;
         int missing;
+        std::string staleKey;  // a buffer of the wrong size left in the cache under this key
+        bool cancel;
         std::string logged;
+        ML::i32 status = ML::STATUS_OTHER;
     } cases[] = {
-        {"no output image", false, -100,
+        {"no output image", false, -100, "", false,
          "No output image returned by getOutputImage() (host should return error result instead!)"},
-        {"a neighbour missing", true, 5,
+        {"a neighbour missing", true, 5, "", false,
          "No input image returned by getInputImage() (host should return error result instead!)"},
+        {"a stage-1 result of another size", true, -100, "fdvd_s1:2/3/4-0:300x0:72", false,
+         "Cached buffer 'fdvd_s1:2/3/4-0:300x0:72' has 10 bytes, expected 786432"},
+        {"cancelled between tiles", true, -100, "", true, "", ML::STATUS_CANCELLED},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
+        host().cache().clear();
+        if (!c.staleKey.empty()) host().cache().store(c.staleKey, ML::Ptr<ML::Buffer>(new ML::BufferImp(10)));
         ImagePtr output = c.output ? QHost::OwnedImage::make(kRect, Image::RGB, Image::HWC, ML::F32) : nullptr;
         auto settings = denoiseSettings(3, output, c.missing);
+        if (c.cancel) settings->cancel();
         host().logger().clear();
-        EXPECT_EQ(host().run(&mlMain, settings), ML::STATUS_OTHER);
+        EXPECT_EQ(host().run(&mlMain, settings), c.status);
         const auto errors = host().logger().linesWith("[Quillon] [E] ");
+        if (c.logged.empty()) {
+            EXPECT_TRUE(errors.empty()) << testing::PrintToString(errors);
+            EXPECT_TRUE(host().cache().keys().empty());  // nothing half-made was kept
+            continue;
+        }
         ASSERT_EQ(errors.size(), 1u) << testing::PrintToString(host().logger().lines());
         EXPECT_NE(errors[0].find(c.logged), std::string::npos) << errors[0];
     }

@@ -16,7 +16,7 @@ constexpr i32 kOverlap = 48;
 int majorVersion(const std::string& version) {
     int major = 0;
     for (char c : version) {
-        if (c < '0' || c > '9') break;
+        if (c < '0' || c > '9' || major > 99999) break;
         major = major * 10 + (c - '0');
     }
     return major;

@@ -31,7 +31,7 @@ std::string rectKey(const Rect& r) {
 
 FastDVDNet_Pipeline::FastDVDNet_Pipeline(std::shared_ptr<ModelContext> context, u32 dataType, i32 execW, i32 execH,
                                          const Ptr<Image>& hostImage)
-    : modelContext(std::move(context)), dataType(dataType), execW(execW), execH(execH) {
+    : modelContext(std::move(context)), execW(execW), execH(execH), dataType(dataType) {
     const u32 format = hostImage->getChannelFormat();
     const u32 layout = hostImage->getMemoryLayout();
     const u32 hostType = hostImage->getDataType();
@@ -72,6 +72,7 @@ Ptr<Buffer> FastDVDNet_Pipeline::stage1Result(const FastDVDNet_Frames& f, int fi
         auto* out = static_cast<unsigned char*>(buffer.getData());
         for (std::size_t t = 0; t < plan.tiles.size(); ++t) {
             const TiledExecution::Tile& tile = plan.tiles[t];
+            if (f.host->isCancelled(f.call)) ML_THROW_CANCEL();
             SlotQueue::Guard guard(queue);
             Slot& s = slots[static_cast<std::size_t>(guard.slot())];
             for (int i = 0; i < 3; ++i) {
@@ -96,6 +97,7 @@ void FastDVDNet_Pipeline::run(const FastDVDNet_Frames& f) {
     const TiledExecution::ExecutionPlan& plan = *f.plan;
     for (std::size_t t = 0; t < plan.tiles.size(); ++t) {
         const TiledExecution::Tile& tile = plan.tiles[t];
+        if (f.host->isCancelled(f.call)) ML_THROW_CANCEL();
         for (std::size_t i = 0; i < 3; ++i)
             s.stage2Inputs[i]->upload(static_cast<const unsigned char*>(stage1[i]->getData()) + t * bytes);
         f.stage2->run({s.stage2Inputs[0], s.stage2Inputs[1], s.stage2Inputs[2], s.noiseMap}, {s.output});

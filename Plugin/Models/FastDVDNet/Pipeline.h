@@ -53,10 +53,10 @@ private:
     Ptr<Buffer> stage1Result(const FastDVDNet_Frames& frames, int first);
 
     std::shared_ptr<ModelContext> modelContext;
-    u32 dataType;
     i32 execW, execH;
     SlotQueue queue{2};
     std::vector<Slot> slots;
+    u32 dataType;
 };
 
 }  // namespace ML
