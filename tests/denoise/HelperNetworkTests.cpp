@@ -22,6 +22,7 @@
 #include "Plugin/ImageTensorHDRNormalizer.h"
 #include "Plugin/ModelContext.h"
 #include "util/TempDir.h"
+#include "util/TensorValues.h"
 
 namespace {
 
@@ -60,27 +61,8 @@ protected:
     static inline std::shared_ptr<ML::ModelContext> context;
 };
 
-void upload(ML::BackendTensor& t, const std::vector<float>& values) {
-    if (t.getDataType() == ML::F16) {
-        std::vector<Imath::half> halves(values.begin(), values.end());
-        t.upload(halves.data());
-    } else {
-        t.upload(values.data());
-    }
-}
-
-std::vector<float> download(ML::BackendTensor& t) {
-    u64 count = 1;
-    for (u64 extent : t.getShape()) count *= extent;
-    if (t.getDataType() == ML::F16) {
-        std::vector<Imath::half> halves(count);
-        t.download(halves.data());
-        return std::vector<float>(halves.begin(), halves.end());
-    }
-    std::vector<float> values(count);
-    t.download(values.data());
-    return values;
-}
+using tensorvalues::download;
+using tensorvalues::upload;
 
 // The values as the tensor of that type holds them.
 std::vector<float> stored(u32 type, std::vector<float> values) {

@@ -17,6 +17,7 @@
 #include "Plugin/ModelContext.h"
 #include "Sampler.h"
 #include "util/TempDir.h"
+#include "util/TensorValues.h"
 
 namespace {
 
@@ -60,27 +61,8 @@ std::string thrownText(F&& f) {
     return "(nothing thrown)";
 }
 
-void uploadFloats(ML::BackendTensor& t, const std::vector<float>& values) {
-    if (t.getDataType() == ML::F16) {
-        std::vector<Imath::half> halves(values.begin(), values.end());
-        t.upload(halves.data());
-    } else {
-        t.upload(values.data());
-    }
-}
-
-std::vector<float> downloadFloats(ML::BackendTensor& t) {
-    u64 count = 1;
-    for (u64 extent : t.getShape()) count *= extent;
-    if (t.getDataType() == ML::F16) {
-        std::vector<Imath::half> halves(count);
-        t.download(halves.data());
-        return std::vector<float>(halves.begin(), halves.end());
-    }
-    std::vector<float> values(count);
-    t.download(values.data());
-    return values;
-}
+using tensorvalues::download;
+using tensorvalues::upload;
 
 // Source tile pattern: linear in both axes, so bilinear sampling of it at a clamped position is
 // the pattern itself at that position.
@@ -157,9 +139,9 @@ TEST_F(Upres, AlternatingTensorsPingPong) {
     EXPECT_EQ(first->getDataType(), ML::F16);
     EXPECT_EQ(second->getShape(), first->getShape());
     EXPECT_EQ(second->getDataType(), ML::F16);
-    uploadFloats(*first, std::vector<float>(12, 1.0f));
-    uploadFloats(*second, std::vector<float>(12, 2.0f));
-    EXPECT_EQ(downloadFloats(*first), std::vector<float>(12, 1.0f)) << "the two tensors share memory";
+    upload(*first, std::vector<float>(12, 1.0f));
+    upload(*second, std::vector<float>(12, 2.0f));
+    EXPECT_EQ(download(*first), std::vector<float>(12, 1.0f)) << "the two tensors share memory";
 
     made.swap();
     made.swap();
@@ -219,7 +201,7 @@ TEST_F(Upres, SamplerMapsResultPixelsToTheSourceTile) {
 
         const Tensor src = tensor({1, 1, kHeight, kWidth}, type);
         const Tensor dst = tensor({1, 1, kHeight, kWidth}, type);
-        uploadFloats(*src, source);
+        upload(*src, source);
         for (const auto& c : cases) {
             const auto& t = c.tile;
             const int a = t.dstRect.x0 - t.dstTileRect.x0, b = t.dstRect.y0 - t.dstTileRect.y0;
@@ -234,7 +216,7 @@ TEST_F(Upres, SamplerMapsResultPixelsToTheSourceTile) {
                 const float s = (float(p) + 0.5f - float(origin)) / c.scale + float(origin) - 0.5f - float(offset);
                 return std::clamp(s, 0.0f, float(extent - 1));
             };
-            const std::vector<float> got = downloadFloats(*dst);
+            const std::vector<float> got = download(*dst);
             int inside = 0;
             for (int y = 0; y < kHeight; ++y)
                 for (int x = 0; x < kWidth; ++x) {
@@ -260,13 +242,13 @@ TEST_F(Upres, SplitParametersDriveTheSplitNetworkLikeThePlainOne) {
     EXPECT_EQ(split, (std::vector<float>{-1, -44, 1, 1, -1, -37, 1, 9, -1, -4, 1, 44, 1.25f}));
 
     const Tensor src = tensor({1, 1, kHeight, kWidth});
-    uploadFloats(*src, sourceTile());
+    upload(*src, sourceTile());
     auto run = [&](const std::string& name, const std::vector<float>& values) {
         const Tensor params = tensor({1, u64(values.size()), 1, 1});
         params->upload(values.data());
         const Tensor dst = tensor({1, 1, kHeight, kWidth});
         context->loadModel(name)->run({src, params}, {dst});
-        return downloadFloats(*dst);
+        return download(*dst);
     };
     const std::vector<float> plain =
         run("upres_sampler_F32_1x6x10", ML::upresSamplerParameters(tile, scale, originX, originY, false));
