@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "FlowStandIns.h"
 #include "PackageFiles.h"
 #include "StandIns.h"
 
@@ -60,6 +61,39 @@ TargetConfig enhancer(const std::string& id, const std::string& name, const std:
     return c;
 }
 
+// Classical optical flow, tiles of kFlowTileH x kFlowTileW.
+TargetConfig flowStandIn() {
+    TargetConfig c;
+    c.target = 3;
+    c.file = "optical_flow_config.json";
+    c.modelType = "raft";
+    c.modelId = kFlowStandInId;
+    c.displayName = "Optical flow stand-in (classical pyramidal Lucas-Kanade)";
+    c.description = "Classical stand-in network, no trained weights: coarse-to-fine Lucas-Kanade on luminance over "
+                    "five pyramid levels, warping by the current flow at each step, with a 3x3 median of the flow.";
+    c.execH = static_cast<int>(kFlowTileH);
+    c.execW = static_cast<int>(kFlowTileW);
+    c.params["archId"] = "pyramidal_lk";
+    return c;
+}
+
+// Flow-based frame interpolation on square tiles; the host's flow pass uses the flow stand-in.
+TargetConfig retimeStandIn() {
+    TargetConfig c;
+    c.target = 5;
+    c.file = "retiming_config.json";
+    c.modelType = "rife";
+    c.modelId = kRetimeStandInId;
+    c.displayName = "Retiming stand-in (classical flow interpolation)";
+    c.description = "Classical stand-in network, no trained weights: flow both ways by pyramidal Lucas-Kanade, both "
+                    "frames warped towards the in-between time and blended, weighted by forward-backward "
+                    "consistency so that occluded pixels come from the frame that shows them.";
+    c.execH = c.execW = static_cast<int>(kRetimeTile);
+    c.params["flowEst"] = {{"execH", kFlowTileH}, {"execW", kFlowTileW}, {"modelId", kFlowStandInId},
+                           {"maxModelId", kFlowMaxId}};
+    return c;
+}
+
 }  // namespace
 
 const std::vector<TargetConfig>& targetConfigs() {
@@ -74,9 +108,9 @@ const std::vector<TargetConfig>& targetConfigs() {
             upresStandIn(),
             enhancer(std::string(kUpresStandInId) + "_enhance", "Enhance stand-in (sharpen x1)",
                      "Same-size mild sharpen (a fixed 3x3 kernel) as a stand-in network."),
-            standIn(3, "optical_flow_config.json", "raft", "optical_flow"),
+            flowStandIn(),
             standIn(4, "mask_propagation_config.json", "qt", "mask_propagation"),
-            standIn(5, "retiming_config.json", "rife", "retiming"),
+            retimeStandIn(),
             standIn(6, "face_detection_config.json", "y7", "face_detection"),
             standIn(8, "lp_detection_config.json", "y7", "lp_detection"),
             standIn(7, "interactive_segmentation_config.json", "sam", "interactive_segmentation"),

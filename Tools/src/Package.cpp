@@ -4,6 +4,7 @@
 
 #include "Configs.h"
 #include "Conversion.h"
+#include "FlowStandIns.h"
 #include "GammaStats.h"
 #include "Resize.h"
 #include "Sampler.h"
@@ -25,6 +26,7 @@ void writeImgcvt(const std::filesystem::path& modelFolder) {
     writeConversionNetworks(modelFolder, allConversionPairs());
     writeResizeNetworks(modelFolder);
     writeGammaAndStatsNetworks(modelFolder);
+    writeBlendNetwork(modelFolder);
 }
 
 std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packageDir, const PackageOptions& options) {

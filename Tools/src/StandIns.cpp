@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "DenoiserStandIn.h"
+#include "FlowStandIns.h"
 #include "GraphBuilder.h"
 #include "PackageFiles.h"
 
@@ -103,6 +104,7 @@ std::vector<std::string> standInModelIds() {
     std::vector<std::string> ids{kDepthStandInId, std::string(kDepthStandInId) + "_colorize", up + "_2x", up + "_4x",
                                  up + "_enhance"};
     for (const std::string& id : denoiserStandInModelIds()) ids.push_back(id);
+    for (const std::string& id : flowStandInModelIds()) ids.push_back(id);
     return ids;
 }
 
@@ -115,6 +117,7 @@ void writeStandIns(const std::filesystem::path& modelFolder) {
     writeModel(buildUpresStandIn(4), modelFolder / (up + "_4x.onnx"));
     writeModel(buildUpresEnhanceStandIn(), modelFolder / (up + "_enhance.onnx"));
     writeDenoiserStandIn(modelFolder);
+    writeFlowStandIns(modelFolder);
 }
 
 }  // namespace qpkg

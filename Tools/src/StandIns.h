@@ -19,6 +19,8 @@
 //                                clamped to 0..1.
 //
 // Denoising ("denoiser_standin_stage1", "_stage2"): see DenoiserStandIn.h.
+// Optical flow and retiming ("optical_flow_standin", "flow_viz-288x512", "flow_max",
+// "retiming_standin"): see FlowStandIns.h.
 #include <filesystem>
 #include <string>
 #include <vector>

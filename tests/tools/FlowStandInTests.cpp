@@ -1,0 +1,381 @@
+// The optical-flow and retiming stand-ins, run with ONNX Runtime: flow of known motions (shifts,
+// a rotation), the scale input, real footage, the colouring and largest-value networks, frame
+// interpolation of a moving square, and the retiming tiles' blend.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Host/Media/ImageReader.h"
+#include "ToolTestUtil.h"
+
+using namespace tooltest;
+
+namespace {
+
+constexpr int64_t kH = 288, kW = 512;  // the flow network's tile
+constexpr int64_t kT = 384;            // the retiming network's tile
+
+fs::path model(const std::string& name) { return packageModelFolder() / name; }
+
+// A smooth random RGB texture defined everywhere, so that moved copies are exact: a sum of
+// sinusoids of wavelengths 6..160 px, longer ones stronger as in natural pictures; about 0.1..0.9.
+struct Texture {
+    struct Wave {
+        float fx, fy, phase, amp;
+    };
+    std::vector<Wave> waves[3];
+
+    explicit Texture(unsigned seed) {
+        std::mt19937 rng(seed);
+        std::uniform_real_distribution<float> angle(0.0f, 6.2831853f), logLen(std::log(6.0f), std::log(160.0f));
+        for (auto& c : waves) {
+            float total = 0;
+            for (int i = 0; i < 32; ++i) {
+                const float a = angle(rng), len = std::exp(logLen(rng));
+                c.push_back({6.2831853f / len * std::cos(a), 6.2831853f / len * std::sin(a), angle(rng), std::sqrt(len)});
+                total += std::sqrt(len);
+            }
+            for (Wave& w : c) w.amp *= 1.0f / total;  // at most 0.5 in all
+        }
+    }
+    float at(int c, float x, float y) const {
+        float v = 0.5f;
+        for (const Wave& w : waves[c]) v += w.amp * std::sin(w.fx * x + w.fy * y + w.phase);
+        return v;
+    }
+    // 1x3xhxw values of at(c, src(x, y)).
+    std::vector<float> picture(int64_t h, int64_t w, const std::function<std::pair<float, float>(float, float)>& src) const {
+        std::vector<float> v(static_cast<size_t>(3 * h * w));
+        for (int64_t y = 0; y < h; ++y)
+            for (int64_t x = 0; x < w; ++x) {
+                const auto [sx, sy] = src(float(x), float(y));
+                for (int c = 0; c < 3; ++c) v[static_cast<size_t>((c * h + y) * w + x)] = at(c, sx, sy);
+            }
+        return v;
+    }
+};
+
+Tensor rgb(int64_t h, int64_t w, std::vector<float> v) { return makeTensor(ML::F32, {1, 3, h, w}, std::move(v)); }
+
+Tensor scaleInput(float sx, float sy) { return makeTensor(ML::F32, {1, 2, 1, 1}, {sx, sy}); }
+
+Tensor runFlow(const Tensor& a, const Tensor& b, float sx = 1.0f, float sy = 1.0f) {
+    static Network net(model("optical_flow_standin.onnx"));
+    const Tensor f = net.run1({a, b, scaleInput(sx, sy)});
+    EXPECT_EQ(f.shape, (std::vector<int64_t>{1, 2, kH, kW}));
+    return f;
+}
+
+// Mean end-point error against the true flow, over pixels at least margin from every edge.
+double meanEpe(const Tensor& f, const std::function<std::pair<float, float>(float, float)>& truth, int64_t margin) {
+    double sum = 0;
+    size_t n = 0;
+    const size_t plane = static_cast<size_t>(kH * kW);
+    for (int64_t y = margin; y < kH - margin; ++y)
+        for (int64_t x = margin; x < kW - margin; ++x) {
+            const auto [tx, ty] = truth(float(x), float(y));
+            const size_t i = static_cast<size_t>(y * kW + x);
+            sum += std::hypot(f.values[i] - tx, f.values[plane + i] - ty);
+            ++n;
+        }
+    return sum / double(n);
+}
+
+// A picture file as 1x3xkHxkW RGB in 0..1, resized with bilinear interpolation (pixel centres).
+Tensor readResized(const std::string& file) {
+    const QMedia::Frame f = QMedia::readImage(fs::path(QUILLON_SOURCE_DIR) / ".deps" / "media" / file);
+    std::vector<float> v(static_cast<size_t>(3 * kH * kW));
+    for (int64_t y = 0; y < kH; ++y)
+        for (int64_t x = 0; x < kW; ++x) {
+            const float sx = std::clamp((x + 0.5f) * f.width() / kW - 0.5f, 0.0f, f.width() - 1.0f);
+            const float sy = std::clamp((y + 0.5f) * f.height() / kH - 0.5f, 0.0f, f.height() - 1.0f);
+            const int x0 = int(sx), y0 = int(sy), x1 = std::min(x0 + 1, f.width() - 1),
+                      y1 = std::min(y0 + 1, f.height() - 1);
+            const float ax = sx - x0, ay = sy - y0;
+            for (int c = 0; c < 3; ++c) {
+                const int cc = std::min(c, f.channels() - 1);
+                const float top = f.sample(x0, y0, cc) * (1 - ax) + f.sample(x1, y0, cc) * ax;
+                const float bottom = f.sample(x0, y1, cc) * (1 - ax) + f.sample(x1, y1, cc) * ax;
+                v[static_cast<size_t>((c * kH + y) * kW + x)] = top * (1 - ay) + bottom * ay;
+            }
+        }
+    return rgb(kH, kW, std::move(v));
+}
+
+double stddev(const std::vector<float>& v, size_t from, size_t count) {
+    double s = 0, s2 = 0;
+    for (size_t i = from; i < from + count; ++i) s += v[i], s2 += double(v[i]) * v[i];
+    const double m = s / double(count);
+    return std::sqrt(std::max(0.0, s2 / double(count) - m * m));
+}
+
+template <class F>
+double millis(F&& f) {
+    const auto t0 = std::chrono::steady_clock::now();
+    f();
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
+}
+
+}  // namespace
+
+TEST(FlowStandIn, KnownShiftsAreMeasured) {
+    const Texture tex(7);
+    const Tensor first = rgb(kH, kW, tex.picture(kH, kW, [](float x, float y) { return std::pair{x, y}; }));
+    const struct {
+        float dx, dy;
+    } shifts[] = {{0.5f, 0.0f}, {0.0f, -0.25f}, {2.3f, -1.7f}, {5.0f, 3.0f}, {8.0f, -8.0f}, {-13.6f, 6.2f},
+                  {21.0f, -4.5f}};
+    for (const auto& s : shifts) {
+        // image1(p) = texture(p - d), so image1(p + d) = image0(p).
+        const Tensor second = rgb(kH, kW, tex.picture(kH, kW, [&](float x, float y) { return std::pair{x - s.dx, y - s.dy}; }));
+        const Tensor f = runFlow(first, second);
+        const int64_t margin = 8 + static_cast<int64_t>(std::ceil(std::max(std::fabs(s.dx), std::fabs(s.dy))));
+        const double epe = meanEpe(f, [&](float, float) { return std::pair{s.dx, s.dy}; }, margin);
+        std::printf("shift (%.2f, %.2f): mean EPE %.3f px\n", s.dx, s.dy, epe);
+        EXPECT_LT(epe, 0.5) << s.dx << ", " << s.dy;
+    }
+}
+
+TEST(FlowStandIn, RotationIsMeasured) {
+    const Texture tex(11);
+    const float cx = kW / 2.0f, cy = kH / 2.0f;
+    for (float degrees : {2.0f, -3.0f}) {
+        const float a = degrees * 3.14159265f / 180.0f, c = std::cos(a), s = std::sin(a);
+        const Tensor first = rgb(kH, kW, tex.picture(kH, kW, [](float x, float y) { return std::pair{x, y}; }));
+        // image1(q) = texture(R^-1 (q - centre) + centre): the point at p moves to R (p - centre) + centre.
+        const Tensor second = rgb(kH, kW, tex.picture(kH, kW, [&](float x, float y) {
+            return std::pair{c * (x - cx) + s * (y - cy) + cx, -s * (x - cx) + c * (y - cy) + cy};
+        }));
+        const Tensor f = runFlow(first, second);
+        const double epe = meanEpe(f, [&](float x, float y) {
+            return std::pair{c * (x - cx) - s * (y - cy) + cx - x, s * (x - cx) + c * (y - cy) + cy - y};
+        }, 16);
+        std::printf("rotation %.1f degrees (up to %.1f px): mean EPE %.3f px\n", degrees,
+                    std::fabs(a) * std::hypot(cx, cy), epe);
+        EXPECT_LT(epe, 0.6) << degrees;
+    }
+}
+
+TEST(FlowStandIn, ScaleMultipliesEachComponent) {
+    const Texture tex(3);
+    const Tensor a = rgb(kH, kW, tex.picture(kH, kW, [](float x, float y) { return std::pair{x, y}; }));
+    const Tensor b = rgb(kH, kW, tex.picture(kH, kW, [](float x, float y) { return std::pair{x - 3.0f, y + 1.5f}; }));
+    const Tensor plain = runFlow(a, b);
+    const struct {
+        float sx, sy;
+    } cases[] = {{2.0f, 3.0f}, {0.5f, -1.0f}};
+    const size_t plane = static_cast<size_t>(kH * kW);
+    for (const auto& k : cases) {
+        const Tensor scaled = runFlow(a, b, k.sx, k.sy);
+        for (size_t i = 0; i < plane; i += 997) {
+            EXPECT_NEAR(scaled.values[i], k.sx * plain.values[i], 1e-4f) << i;
+            EXPECT_NEAR(scaled.values[plane + i], k.sy * plain.values[plane + i], 1e-4f) << i;
+        }
+    }
+    // The unscaled flow is the motion, so the scaled one is not just the scale.
+    EXPECT_NEAR(plain.values[plane / 2 + kW / 2], 3.0f, 0.3f);
+}
+
+TEST(FlowStandIn, RealFootageGivesVariedPlausibleFlowAndColours) {
+    Network viz(model("flow_viz-288x512.onnx"));
+    const size_t plane = static_cast<size_t>(kH * kW);
+    for (const char* name : {"rubberwhale", "basketball"}) {
+        SCOPED_TRACE(name);
+        const Tensor a = readResized(std::string(name) + "1.png"), b = readResized(std::string(name) + "2.png");
+        Tensor f;
+        std::printf("%s: flow %.0f ms\n", name, millis([&] { f = runFlow(a, b); }));
+        float largest = 0;
+        for (float v : f.values) {
+            ASSERT_TRUE(std::isfinite(v));
+            largest = std::max(largest, std::fabs(v));
+        }
+        std::printf("%s: largest component %.2f px, spread x %.3f y %.3f\n", name, largest, stddev(f.values, 0, plane),
+                    stddev(f.values, plane, plane));
+        EXPECT_LT(largest, 40.0f);
+        EXPECT_GT(stddev(f.values, 0, plane) + stddev(f.values, plane, plane), 0.2);
+        // The pair, warped by the flow, matches better than without it.
+        double still = 0, moved = 0;
+        const size_t n = static_cast<size_t>(kH * kW);
+        for (int64_t y = 0; y < kH; ++y)
+            for (int64_t x = 0; x < kW; ++x) {
+                const size_t i = static_cast<size_t>(y * kW + x);
+                const int64_t qx = std::clamp<int64_t>(std::lround(x + f.values[i]), 0, kW - 1);
+                const int64_t qy = std::clamp<int64_t>(std::lround(y + f.values[plane + i]), 0, kH - 1);
+                for (int c = 0; c < 3; ++c) {
+                    still += std::fabs(b.values[c * n + i] - a.values[c * n + i]);
+                    moved += std::fabs(b.values[c * n + static_cast<size_t>(qy * kW + qx)] - a.values[c * n + i]);
+                }
+            }
+        std::printf("%s: mean |image1(p + flow) - image0(p)| %.4f, without flow %.4f\n", name, moved / (3.0 * n),
+                    still / (3.0 * n));
+        EXPECT_LT(moved, 0.85 * still);
+
+        Tensor color;
+        std::printf("%s: colouring %.1f ms\n", name, millis([&] { color = viz.run1({f}); }));
+        ASSERT_EQ(color.shape, (std::vector<int64_t>{1, 3, kH, kW}));
+        for (float v : color.values) {
+            EXPECT_GE(v, 0.0f);
+            EXPECT_LE(v, 1.0f);
+        }
+        EXPECT_GT(stddev(color.values, 0, plane) + stddev(color.values, plane, plane) +
+                      stddev(color.values, 2 * plane, plane),
+                  0.05);
+    }
+}
+
+TEST(FlowViz, DirectionIsHueAndLengthIsSaturation) {
+    // One pixel per case, the rest still; the field's longest vector has length 4.
+    const struct {
+        float u, v;
+        float r, g, b;
+    } cases[] = {
+        {4, 0, 1, 0, 0},                         // +x: red
+        {-4, 0, 0, 1, 1},                        // -x: cyan
+        {4 * -0.5f, 4 * 0.8660254f, 0, 1, 0},    // 120 degrees (+y is down): green
+        {4 * -0.5f, 4 * -0.8660254f, 0, 0, 1},   // 240 degrees: blue
+        {2, 0, 1, 0.5f, 0.5f},                   // half the longest: half saturated
+        {0, 0, 1, 1, 1},                         // still: white
+    };
+    Network viz(model("flow_viz-288x512.onnx"));
+    const size_t plane = static_cast<size_t>(kH * kW);
+    std::vector<float> field(2 * plane, 0.0f);
+    for (size_t k = 0; k < std::size(cases); ++k) {
+        field[k * 10] = cases[k].u;
+        field[plane + k * 10] = cases[k].v;
+    }
+    const Tensor color = viz.run1({makeTensor(ML::F32, {1, 2, kH, kW}, field)});
+    for (size_t k = 0; k < std::size(cases); ++k) {
+        SCOPED_TRACE(k);
+        EXPECT_NEAR(color.values[k * 10], cases[k].r, 1e-3f);
+        EXPECT_NEAR(color.values[plane + k * 10], cases[k].g, 1e-3f);
+        EXPECT_NEAR(color.values[2 * plane + k * 10], cases[k].b, 1e-3f);
+    }
+}
+
+TEST(FlowMax, LargestMagnitudeOfEachComponent) {
+    const struct {
+        int64_t h, w;
+        std::vector<float> values;
+        float mx, my;
+    } cases[] = {
+        {1, 3, {1, -5, 2, 0.5f, 0.25f, -0.75f}, 5, 0.75f},
+        {2, 2, {0, 0, 0, 0, -1, 3, -2, 2.5f}, 0, 3},
+        {288, 512, {}, 17, 9},
+    };
+    Network net(model("flow_max.onnx"));
+    for (const auto& k : cases) {
+        std::vector<float> v = k.values;
+        if (v.empty()) {
+            std::mt19937 rng(5);
+            std::uniform_real_distribution<float> d(-8.0f, 8.0f);
+            v.resize(static_cast<size_t>(2 * k.h * k.w));
+            for (float& x : v) x = d(rng);
+            v[1234] = -17.0f;
+            v[v.size() - 7] = 9.0f;
+        }
+        const Tensor m = net.run1({makeTensor(ML::F32, {1, 2, k.h, k.w}, v)});
+        ASSERT_EQ(m.shape, (std::vector<int64_t>{1, 2, 1, 1}));
+        EXPECT_FLOAT_EQ(m.values[0], k.mx) << k.h << "x" << k.w;
+        EXPECT_FLOAT_EQ(m.values[1], k.my) << k.h << "x" << k.w;
+    }
+}
+
+namespace {
+
+// A textured green-blue background, and a textured red square of side 64 with its top left
+// corner at (x0, y0).
+std::vector<float> squareScene(const Texture& tex, float x0, float y0) {
+    std::vector<float> v(static_cast<size_t>(3 * kT * kT));
+    for (int64_t y = 0; y < kT; ++y)
+        for (int64_t x = 0; x < kT; ++x) {
+            const bool inside = x >= x0 && x < x0 + 64 && y >= y0 && y < y0 + 64;
+            const float sx = inside ? x - x0 : float(x), sy = inside ? y - y0 : float(y);
+            const float t0 = tex.at(0, sx, sy), t1 = tex.at(1, sx, sy), t2 = tex.at(2, sx, sy);
+            const float px[3] = {inside ? 0.6f + 0.4f * t0 : 0.3f * t0, inside ? 0.3f * t1 : 0.4f + 0.5f * t1,
+                                 inside ? 0.3f * t2 : 0.3f + 0.5f * t2};
+            for (int c = 0; c < 3; ++c) v[static_cast<size_t>((c * kT + y) * kT + x)] = px[c];
+        }
+    return v;
+}
+
+// The centroid of the pixels whose red exceeds green by 0.2.
+std::pair<double, double> redCentroid(const Tensor& t) {
+    const size_t plane = static_cast<size_t>(kT * kT);
+    double sx = 0, sy = 0, n = 0;
+    for (int64_t y = 0; y < kT; ++y)
+        for (int64_t x = 0; x < kT; ++x) {
+            const size_t i = static_cast<size_t>(y * kT + x);
+            if (t.values[i] > t.values[plane + i] + 0.2f) sx += double(x), sy += double(y), n += 1;
+        }
+    return {sx / n, sy / n};
+}
+
+double meanAbs(const std::vector<float>& a, const std::vector<float>& b) {
+    double s = 0;
+    for (size_t i = 0; i < a.size(); ++i) s += std::fabs(double(a[i]) - b[i]);
+    return s / double(a.size());
+}
+
+}  // namespace
+
+TEST(RetimeStandIn, MovingSquareLandsBetweenItsPlaces) {
+    const Texture tex(19);
+    const struct {
+        float dx, dy;
+    } moves[] = {{12, 0}, {-8, 10}};
+    Network net(model("retiming_standin.onnx"));
+    for (const auto& m : moves) {
+        SCOPED_TRACE(std::to_string(m.dx) + ", " + std::to_string(m.dy));
+        const float x0 = 150, y0 = 140;
+        const Tensor a = rgb(kT, kT, squareScene(tex, x0, y0)), b = rgb(kT, kT, squareScene(tex, x0 + m.dx, y0 + m.dy));
+        const auto [ax, ay] = redCentroid(a);
+        const auto [bx, by] = redCentroid(b);
+        const struct {
+            float t;
+            const Tensor* same;  // the input it should reproduce
+        } times[] = {{0.0f, &a}, {0.5f, nullptr}, {1.0f, &b}, {0.25f, nullptr}};
+        for (const auto& k : times) {
+            Tensor out;
+            const double ms = millis([&] { out = net.run1({a, b, makeTensor(ML::F32, {1, 1}, {k.t})}); });
+            ASSERT_EQ(out.shape, (std::vector<int64_t>{1, 3, kT, kT}));
+            const auto [cx, cy] = redCentroid(out);
+            const double wx = ax + k.t * (bx - ax), wy = ay + k.t * (by - ay);
+            const Tensor truth = rgb(kT, kT, squareScene(tex, x0 + k.t * m.dx, y0 + k.t * m.dy));
+            const double err = meanAbs(out.values, truth.values);
+            std::printf("move (%.0f, %.0f) t %.2f: centre (%.2f, %.2f), expected (%.2f, %.2f); mean error to the "
+                        "moved scene %.4f; %.0f ms\n",
+                        m.dx, m.dy, k.t, cx, cy, wx, wy, err, ms);
+            EXPECT_NEAR(cx, wx, 1.0) << k.t;
+            EXPECT_NEAR(cy, wy, 1.0) << k.t;
+            if (k.same) EXPECT_LT(meanAbs(out.values, k.same->values), 1e-4) << k.t;
+            else EXPECT_LT(err, 0.03) << k.t;
+        }
+    }
+}
+
+TEST(Blend, AddsTheWeightedResult) {
+    Network net(model("imgcvt/blend_F32_1x3x384x384.onnx"));
+    std::mt19937 rng(23);
+    std::uniform_real_distribution<float> d(-1.0f, 1.0f);
+    auto random = [&](size_t n) {
+        std::vector<float> v(n);
+        for (float& x : v) x = d(rng);
+        return v;
+    };
+    const size_t plane = static_cast<size_t>(kT * kT);
+    const Tensor sum = rgb(kT, kT, random(3 * plane)), result = rgb(kT, kT, random(3 * plane));
+    const Tensor wy = makeTensor(ML::F32, {1, 1, kT, 1}, random(kT)), wx = makeTensor(ML::F32, {1, 1, 1, kT}, random(kT));
+    const Tensor out = net.run1({sum, result, wy, wx});
+    ASSERT_EQ(out.shape, sum.shape);
+    for (size_t i = 0; i < out.values.size(); i += 13) {
+        const size_t y = (i % plane) / kT, x = i % kT;
+        EXPECT_NEAR(out.values[i], sum.values[i] + result.values[i] * wy.values[y] * wx.values[x], 1e-5f) << i;
+    }
+}
