@@ -151,6 +151,16 @@ std::string pyramidalFlow(GraphBuilder& g, SampleGrids& grids, const std::string
                                      attrString("coordinate_transformation_mode", "half_pixel")}),
                                2.0f);
         }
+        // Bounds that keep p + flow(p) inside the picture: beyond the edge the warped picture is
+        // flat, the error stays and the flow would run on with every step.
+        const std::string pos = g.op(
+            "Transpose",
+            {g.addScalar(g.op("Mul", {g.addScalar(grids.at(g, lh, lw), 1.0f),
+                                      g.constF32({0.5f * float(lw), 0.5f * float(lh)}, {2})}),
+                         -0.5f)},
+            {attrInts("perm", {0, 3, 1, 2})});
+        const std::string lowest = g.op("Neg", {pos});
+        const std::string highest = g.op("Sub", {g.constF32({float(lw - 1), float(lh - 1)}, {1, 2, 1, 1}), pos});
         const std::string grad0 = gradients(g, i0[l]);
         const int iters = p.iterations[std::min(l, p.iterations.size() - 1)];
         for (int it = 0; it < iters; ++it) {
@@ -176,9 +186,9 @@ std::string pyramidalFlow(GraphBuilder& g, SampleGrids& grids, const std::string
             const std::string du = g.op("Div", {g.op("Sub", {g.op("Mul", {b, by}), g.op("Mul", {c, bx})}), det});
             const std::string dv = g.op("Div", {g.op("Sub", {g.op("Mul", {b, bx}), g.op("Mul", {a, by})}), det});
             const std::string step = g.clip(g.op("Concat", {du, dv}, {attrInt("axis", 1)}), -p.maxStep, p.maxStep);
-            flow = g.op("Add", {flow, step});
+            flow = g.op("Max", {g.op("Min", {g.op("Add", {flow, step}), highest}), lowest});
         }
-        if (p.median) flow = median3x3(g, flow, lh, lw);
+        for (int i = 0; i < p.medianPasses; ++i) flow = median3x3(g, flow, lh, lw);
     }
     return flow;
 }

@@ -6,7 +6,7 @@
 // (x, then y displacement, in pixels of the input): I1(p + flow(p)) ~ I0(p).
 //
 //   pyramid   each level is the previous one blurred with [1 2 1] / 4 and averaged over 2x2
-//             blocks, while both sides are even and the smaller is at least kMinLevelSide
+//             blocks, while both sides are even and the smaller is at least minLevelSide
 //   per level from the coarsest: the flow of the level above, resized x2 and doubled (zero at
 //             the top); then kIterations of
 //               I1w = I1 warped by the flow (GridSample, bilinear, border)
@@ -15,8 +15,9 @@
 //               A   = W * [gx gx, gx gy; gx gy, gy gy],   b = W * [gx e, gy e]
 //               A  += (lambda + relativeLambda trace A) I
 //                     (W: a separable Gaussian window of weight 1, edges repeated)
-//               flow += clamp(-A^-1 b, -kMaxStep, kMaxStep)
-//             then a 3x3 median of each flow component.
+//               flow += clamp(-A^-1 b, -maxStep, maxStep), then limited so that p + flow(p)
+//                       stays inside the picture
+//             then medianPasses 3x3 medians of each flow component.
 // lambda keeps the solve defined in flat areas, where the step goes to zero and the flow of the
 // coarser level stands.
 #include <cstdint>
@@ -37,7 +38,7 @@ struct FlowParams {
     float lambda = 2e-5f;
     float relativeLambda = 0.05f;
     float maxStep = 2.0f;
-    bool median = true;
+    int medianPasses = 2;
 };
 
 const FlowParams& defaultFlowParams();

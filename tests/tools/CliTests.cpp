@@ -87,9 +87,10 @@ TEST(Cli, WritesOnlyWhatWasAskedAndNoTemporaries) {
               (std::vector<std::string>{"denoiser_standin_stage1.onnx", "denoiser_standin_stage2.onnx",
                                         "denormalize-output_F16_1x64x32.onnx", "denormalize-output_F16_2x8x8.onnx",
                                         "denormalize-output_F32_1x64x32.onnx", "denormalize-output_F32_2x8x8.onnx",
-                                        "depth_standin.onnx", "depth_standin_colorize.onnx",
-                                        "normalize-input_F16_1x64x32.onnx", "normalize-input_F16_2x8x8.onnx",
+                                        "depth_standin.onnx", "depth_standin_colorize.onnx", "flow_max.onnx",
+                                        "flow_viz-288x512.onnx", "normalize-input_F16_1x64x32.onnx", "normalize-input_F16_2x8x8.onnx",
                                         "normalize-input_F32_1x64x32.onnx", "normalize-input_F32_2x8x8.onnx",
+                                        "optical_flow_standin.onnx", "retiming_standin.onnx",
                                         "upres_sampler_dynamic_F32.onnx", "upres_standin_2x.onnx",
                                         "upres_standin_4x.onnx", "upres_standin_enhance.onnx"}));
 }

@@ -40,6 +40,25 @@ TEST(ConfigFiles, SixteenFilesOfWellFormedModels) {
             for (const char* suffix : {"_stage1.onnx", "_stage2.onnx"})
                 EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
         }
+        // Optical flow and retiming name their stand-in networks, with their tiles; retiming's
+        // flow pass names the flow network and the largest-value network.
+        if (file == "optical_flow_config.json") {
+            EXPECT_EQ(m["modelType"], "raft");
+            EXPECT_EQ(m["params"]["archId"], "pyramidal_lk");
+            EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":288,"execW":512}])"));
+            for (const std::string name : {m["modelId"].get<std::string>(), std::string("flow_viz-288x512")})
+                EXPECT_TRUE(fs::exists(packageModelFolder() / (name + ".onnx"))) << name;
+        }
+        if (file == "retiming_config.json") {
+            EXPECT_EQ(m["modelType"], "rife");
+            EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":384,"execW":384}])"));
+            const nlohmann::json& flow = m["params"].at("flowEst");
+            EXPECT_EQ(flow, nlohmann::json::parse(
+                                R"({"execH":288,"execW":512,"modelId":"optical_flow_standin","maxModelId":"flow_max"})"));
+            for (const std::string name : {m["modelId"].get<std::string>(), flow["modelId"].get<std::string>(),
+                                           flow["maxModelId"].get<std::string>(), std::string("imgcvt/blend_F32_1x3x384x384")})
+                EXPECT_TRUE(fs::exists(packageModelFolder() / (name + ".onnx"))) << name;
+        }
         // Upscalers: every scale's padding is a whole number of its output pixels, and the
         // network of each scale is in the package.
         for (const nlohmann::json& model : j["availableModels"]) {

@@ -418,6 +418,10 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
                                                          {"depth_standin_colorize", "stand-in"},
                                                          {"esrgan_medium_2x", "imported"},
                                                          {"esrgan_medium_enhance", "imported"},
+                                                         {"flow_max", "stand-in"},
+                                                         {"flow_viz-288x512", "stand-in"},
+                                                         {"optical_flow_standin", "stand-in"},
+                                                         {"retiming_standin", "stand-in"},
                                                          {"upres_standin_2x", "stand-in"},
                                                          {"upres_standin_4x", "stand-in"},
                                                          {"upres_standin_enhance", "stand-in"}}));
@@ -440,7 +444,7 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out.rfind("Real networks skipped: " + (dir / "elsewhere").string() + " does not exist", 0), 0u)
         << r.out;
-    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 7u);  // the stand-ins
+    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 11u);  // the stand-ins
 }
 
 TEST(RealNetworks, ImportCommandWritesAFileOrNothing) {
