@@ -70,7 +70,7 @@ TargetConfig flowStandIn() {
     c.modelId = kFlowStandInId;
     c.displayName = "Optical flow stand-in (classical pyramidal Lucas-Kanade)";
     c.description = "Classical stand-in network, no trained weights: coarse-to-fine Lucas-Kanade on luminance over "
-                    "five pyramid levels, warping by the current flow at each step, with a 3x3 median of the flow.";
+                    "five pyramid levels, warping by the current flow at each step, the flow median-filtered at each level.";
     c.execH = static_cast<int>(kFlowTileH);
     c.execW = static_cast<int>(kFlowTileW);
     c.params["archId"] = "pyramidal_lk";
