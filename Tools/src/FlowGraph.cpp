@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -20,19 +21,20 @@ std::string channels(GraphBuilder& g, const std::string& x, int64_t from, int64_
     return g.op("Slice", {x, g.constI64({from}, {1}), g.constI64({from + count}, {1}), g.constI64({1}, {1})});
 }
 
-// The window of the same c channels at h x w read from x shifted by (dy, dx) in an edge padding
-// of one pixel.
-std::string shifted(GraphBuilder& g, const std::string& padded, int64_t dy, int64_t dx, int64_t h, int64_t w) {
-    return g.op("Slice", {padded, g.constI64({1 + dy, 1 + dx}, {2}), g.constI64({1 + dy + h, 1 + dx + w}, {2}),
+// The h x w window of x (padded by one pixel on each side) whose top left corner is at
+// (1 + dy, 1 + dx): ends counted from the far edge, so that any size works.
+std::string shifted(GraphBuilder& g, const std::string& padded, int64_t dy, int64_t dx) {
+    auto end = [](int64_t d) { return d == 1 ? std::numeric_limits<int64_t>::max() : d - 1; };
+    return g.op("Slice", {padded, g.constI64({1 + dy, 1 + dx}, {2}), g.constI64({end(dy), end(dx)}, {2}),
                           g.constI64({2, 3}, {2})});
 }
 
 // The 3x3 median of every channel, edges repeated: the 19-exchange network for nine values.
-std::string median3x3(GraphBuilder& g, const std::string& x, int64_t h, int64_t w) {
+std::string median3x3(GraphBuilder& g, const std::string& x) {
     const std::string padded = padEdges(g, x, 1);
     std::vector<std::string> p;
     for (int64_t dy = -1; dy <= 1; ++dy)
-        for (int64_t dx = -1; dx <= 1; ++dx) p.push_back(shifted(g, padded, dy, dx, h, w));
+        for (int64_t dx = -1; dx <= 1; ++dx) p.push_back(shifted(g, padded, dy, dx));
     auto sort = [&](int a, int b) {
         const std::string lo = g.op("Min", {p[a], p[b]});
         p[b] = g.op("Max", {p[a], p[b]});
@@ -89,82 +91,81 @@ const FlowParams& defaultFlowParams() {
     return p;
 }
 
-std::vector<std::pair<int64_t, int64_t>> flowPyramid(int64_t h, int64_t w, const FlowParams& p) {
-    if (h < 1 || w < 1) throw std::logic_error("flow needs a picture");
-    std::vector<std::pair<int64_t, int64_t>> levels{{h, w}};
-    while (static_cast<int>(levels.size()) < p.maxLevels) {
-        const auto [lh, lw] = levels.back();
-        if (lh % 2 || lw % 2 || std::min(lh, lw) / 2 < p.minLevelSide) break;
-        levels.emplace_back(lh / 2, lw / 2);
-    }
-    return levels;
-}
-
 std::string luminance(GraphBuilder& g, const std::string& rgb) {
     return g.op("Conv", {rgb, g.constF32({kLumaWeights[0], kLumaWeights[1], kLumaWeights[2]}, {1, 3, 1, 1})});
 }
 
-std::string SampleGrids::at(GraphBuilder& g, int64_t h, int64_t w) {
-    const auto found = grids_.find({h, w});
-    if (found != grids_.end()) return found->second;
+PictureGeometry geometryOf(GraphBuilder& g, const std::string& like) {
+    PictureGeometry geo;
+    const std::string shape = g.op("Shape", {like});
+    geo.size = g.op("Slice", {shape, g.constI64({2}, {1}), g.constI64({4}, {1}), g.constI64({0}, {1})});
+    const std::string h = g.op("Gather", {shape, g.constI64({2}, {})});
+    const std::string w = g.op("Gather", {shape, g.constI64({3}, {})});
+    const std::string hf = g.cast(h, ML::I64, ML::F32), wf = g.cast(w, ML::I64, ML::F32);
+    const std::string zero = g.constI64({0}, {}), one = g.constI64({1}, {});
+    const std::string xs = g.cast(g.op("Range", {zero, w, one}), ML::I64, ML::F32);
+    const std::string ys = g.cast(g.op("Range", {zero, h, one}), ML::I64, ML::F32);
+    const std::string plane = g.op("Concat", {g.constI64({1, 1}, {2}), geo.size}, {attrInt("axis", 0)});
+    const std::string px = g.op("Expand", {g.op("Reshape", {xs, g.constI64({1, 1, 1, -1}, {4})}), plane});
+    const std::string py = g.op("Expand", {g.op("Reshape", {ys, g.constI64({1, 1, -1, 1}, {4})}), plane});
+    geo.position = g.op("Concat", {px, py}, {attrInt("axis", 1)});
+    const std::string wh = g.op("Concat", {g.op("Reshape", {wf, g.constI64({1}, {1})}),
+                                           g.op("Reshape", {hf, g.constI64({1}, {1})})},
+                                {attrInt("axis", 0)});
+    geo.extent = g.op("Reshape", {wh, g.constI64({1, 2, 1, 1}, {4})});
+    geo.last = g.addScalar(geo.extent, -1.0f);
     // GridSample wants x, y in -1..1 with pixel centres at (2i + 1) / n - 1.
-    std::vector<float> base;
-    base.reserve(static_cast<size_t>(h * w * 2));
-    for (int64_t y = 0; y < h; ++y)
-        for (int64_t xx = 0; xx < w; ++xx) {
-            base.push_back(float(2 * xx + 1) / float(w) - 1.0f);
-            base.push_back(float(2 * y + 1) / float(h) - 1.0f);
-        }
-    return grids_[{h, w}] = g.constF32(base, {1, h, w, 2});
+    const std::string normal =
+        g.addScalar(g.op("Div", {g.mulScalar(g.addScalar(geo.position, 0.5f), 2.0f), geo.extent}), -1.0f);
+    geo.grid = g.op("Transpose", {normal}, {attrInts("perm", {0, 2, 3, 1})});
+    geo.toNormal = g.op("Div", {g.scalarF32(2.0f), wh});
+    return geo;
 }
 
-std::string warpByFlow(GraphBuilder& g, SampleGrids& grids, const std::string& x, const std::string& flow, int64_t h,
-                       int64_t w) {
+std::string warpByFlow(GraphBuilder& g, const PictureGeometry& geo, const std::string& x, const std::string& flow) {
     const std::string nhwc = g.op("Transpose", {flow}, {attrInts("perm", {0, 2, 3, 1})});
-    const std::string grid =
-        g.op("Add", {g.op("Mul", {nhwc, g.constF32({2.0f / float(w), 2.0f / float(h)}, {2})}),
-                     grids.at(g, h, w)});
+    const std::string grid = g.op("Add", {g.op("Mul", {nhwc, geo.toNormal}), geo.grid});
     return g.op("GridSample", {x, grid},
                 {attrInt("align_corners", 0), attrString("mode", "bilinear"), attrString("padding_mode", "border")});
 }
 
-std::string pyramidalFlow(GraphBuilder& g, SampleGrids& grids, const std::string& lum0, const std::string& lum1, int64_t h, int64_t w,
-                          const FlowParams& p) {
-    const auto levels = flowPyramid(h, w, p);
+std::string pyramidalFlow(GraphBuilder& g, const std::string& lum0, const std::string& lum1, const FlowParams& p) {
     std::vector<std::string> i0{binomial3x3(g, lum0, 1)}, i1{binomial3x3(g, lum1, 1)};
     const std::vector<int64_t> pool{2, 2};
-    for (size_t l = 1; l < levels.size(); ++l) {
+    for (int l = 1; l < p.levels; ++l) {
         for (auto* pyr : {&i0, &i1})
             pyr->push_back(g.op("AveragePool", {binomial3x3(g, pyr->back(), 1)},
                                 {attrInts("kernel_shape", pool), attrInts("strides", pool)}));
     }
     const std::string lambda = g.scalarF32(p.lambda);
     std::string flow;
-    for (size_t l = levels.size(); l-- > 0;) {
-        const auto [lh, lw] = levels[l];
+    PictureGeometry coarser;
+    for (size_t l = i0.size(); l-- > 0;) {
+        const PictureGeometry geo = geometryOf(g, i0[l]);
         if (flow.empty()) {
-            // Zero flow of the coarsest level's shape: 0 * the first two gradient planes.
+            // Zero flow of the coarsest level's shape: 0 * the two gradient planes.
             flow = g.mulScalar(gradients(g, i0[l]), 0.0f);
         } else {
-            flow = g.mulScalar(g.op("Resize", {flow, "", g.constF32({1, 1, 2, 2}, {4})},
-                                    {attrString("mode", "linear"),
-                                     attrString("coordinate_transformation_mode", "half_pixel")}),
-                               2.0f);
+            // To this level's size (twice the coarser one, one more where a side was odd), the
+            // displacements scaled by the same factors.
+            const std::string sizes =
+                g.op("Concat", {g.op("Slice", {g.op("Shape", {flow}), g.constI64({0}, {1}), g.constI64({2}, {1}),
+                                               g.constI64({0}, {1})}),
+                                geo.size},
+                     {attrInt("axis", 0)});
+            const std::string up = g.op("Resize", {flow, "", "", sizes},
+                                        {attrString("mode", "linear"),
+                                         attrString("coordinate_transformation_mode", "half_pixel")});
+            flow = g.op("Mul", {up, g.op("Div", {geo.extent, coarser.extent})});
         }
         // Bounds that keep p + flow(p) inside the picture: beyond the edge the warped picture is
         // flat, the error stays and the flow would run on with every step.
-        const std::string pos = g.op(
-            "Transpose",
-            {g.addScalar(g.op("Mul", {g.addScalar(grids.at(g, lh, lw), 1.0f),
-                                      g.constF32({0.5f * float(lw), 0.5f * float(lh)}, {2})}),
-                         -0.5f)},
-            {attrInts("perm", {0, 3, 1, 2})});
-        const std::string lowest = g.op("Neg", {pos});
-        const std::string highest = g.op("Sub", {g.constF32({float(lw - 1), float(lh - 1)}, {1, 2, 1, 1}), pos});
+        const std::string lowest = g.op("Neg", {geo.position});
+        const std::string highest = g.op("Sub", {geo.last, geo.position});
         const std::string grad0 = gradients(g, i0[l]);
         const int iters = p.iterations[std::min(l, p.iterations.size() - 1)];
         for (int it = 0; it < iters; ++it) {
-            const std::string warped = warpByFlow(g, grids, i1[l], flow, lh, lw);
+            const std::string warped = warpByFlow(g, geo, i1[l], flow);
             const std::string grad = g.mulScalar(g.op("Add", {grad0, gradients(g, warped)}), 0.5f);
             const std::string gx = channels(g, grad, 0, 1), gy = channels(g, grad, 1, 1);
             const std::string e = g.op("Sub", {warped, i0[l]});
@@ -188,7 +189,8 @@ std::string pyramidalFlow(GraphBuilder& g, SampleGrids& grids, const std::string
             const std::string step = g.clip(g.op("Concat", {du, dv}, {attrInt("axis", 1)}), -p.maxStep, p.maxStep);
             flow = g.op("Max", {g.op("Min", {g.op("Add", {flow, step}), highest}), lowest});
         }
-        for (int i = 0; i < p.medianPasses; ++i) flow = median3x3(g, flow, lh, lw);
+        for (int i = 0; i < p.medianPasses; ++i) flow = median3x3(g, flow);
+        coarser = geo;
     }
     return flow;
 }

@@ -5,10 +5,10 @@
 // For a batch of luminance pairs (N x 1 x H x W each) it gives the forward flow N x 2 x H x W
 // (x, then y displacement, in pixels of the input): I1(p + flow(p)) ~ I0(p).
 //
-//   pyramid   each level is the previous one blurred with [1 2 1] / 4 and averaged over 2x2
-//             blocks, while both sides are even and the smaller is at least minLevelSide
-//   per level from the coarsest: the flow of the level above, resized x2 and doubled (zero at
-//             the top); then kIterations of
+//   pyramid   `levels` levels, each the previous one blurred with [1 2 1] / 4 and averaged over
+//             2x2 blocks (an odd last row or column dropped)
+//   per level from the coarsest: the flow of the level above, resized to this level and scaled
+//             by the ratio of the sizes (zero at the top); then `iterations` of
 //               I1w = I1 warped by the flow (GridSample, bilinear, border)
 //               g   = (grad I0 + grad I1w) / 2       ([-1 0 1] / 2 x [1 2 1] / 4, edges repeated)
 //               e   = I1w - I0
@@ -21,7 +21,6 @@
 // lambda keeps the solve defined in flat areas, where the step goes to zero and the flow of the
 // coarser level stands.
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -30,8 +29,7 @@
 namespace qpkg {
 
 struct FlowParams {
-    int maxLevels = 5;
-    int64_t minLevelSide = 16;
+    int levels = 5;                                // pictures need sides of 2^(levels - 1) at least
     std::vector<int> iterations{3, 4, 4, 5, 6};  // per level, finest first (last repeats)
     float windowSigma = 2.0f;                      // Gaussian window, pixels of the level
     int64_t windowRadius = 4;
@@ -43,28 +41,26 @@ struct FlowParams {
 
 const FlowParams& defaultFlowParams();
 
-// Sizes of the pyramid's levels, finest (h, w) first.
-std::vector<std::pair<int64_t, int64_t>> flowPyramid(int64_t h, int64_t w, const FlowParams& p);
-
 // Rec. 709 luminance of an N x 3 x H x W RGB tensor: N x 1 x H x W.
 std::string luminance(GraphBuilder& g, const std::string& rgb);
 
-// Pixel-centre positions of GridSample (1 x h x w x 2, x then y in -1..1), one constant per
-// size and graph.
-class SampleGrids {
-public:
-    std::string at(GraphBuilder& g, int64_t h, int64_t w);
-
-private:
-    std::map<std::pair<int64_t, int64_t>, std::string> grids_;
+// Pixel positions of one picture size, computed at run time from a tensor of that size.
+struct PictureGeometry {
+    std::string size;      // [h, w] I64
+    std::string extent;    // 1 x 2 x 1 x 1: w, h
+    std::string last;      // 1 x 2 x 1 x 1: w - 1, h - 1
+    std::string position;  // 1 x 2 x h x w: x, y of each pixel
+    std::string grid;      // 1 x h x w x 2: the same in GridSample's -1..1 (pixel centres)
+    std::string toNormal;  // [2]: 2 / w, 2 / h, pixels to GridSample units
 };
+PictureGeometry geometryOf(GraphBuilder& g, const std::string& like);
 
 // x (N x C x h x w) sampled at p + flow(p), flow N x 2 x h x w in pixels: bilinear, edges repeated.
-std::string warpByFlow(GraphBuilder& g, SampleGrids& grids, const std::string& x, const std::string& flow, int64_t h,
-                       int64_t w);
+std::string warpByFlow(GraphBuilder& g, const PictureGeometry& geo, const std::string& x, const std::string& flow);
 
-// Forward flow of the luminance pairs lum0 -> lum1 (N x 1 x h x w each): N x 2 x h x w, pixels.
-std::string pyramidalFlow(GraphBuilder& g, SampleGrids& grids, const std::string& lum0, const std::string& lum1, int64_t h, int64_t w,
+// Forward flow of the luminance pairs lum0 -> lum1 (N x 1 x h x w each, any h, w of at least
+// 2^(levels - 1)): N x 2 x h x w, pixels.
+std::string pyramidalFlow(GraphBuilder& g, const std::string& lum0, const std::string& lum1,
                           const FlowParams& p = defaultFlowParams());
 
 }  // namespace qpkg

@@ -39,15 +39,17 @@ std::string blendName(int64_t h, int64_t w) {
     return "blend_F32_1x3x" + std::to_string(h) + "x" + std::to_string(w);
 }
 
-onnx::ModelProto buildFlowStandIn(int64_t h, int64_t w) {
+onnx::ModelProto buildFlowStandIn() {
     GraphBuilder g(kFlowStandInId);
-    const std::string i0 = g.input("image0", ML::F32, planes(3, h, w));
-    const std::string i1 = g.input("image1", ML::F32, planes(3, h, w));
+    const auto free = [](int64_t c) {
+        return Dims{Dim::fixed(1), Dim::fixed(c), Dim::named("height"), Dim::named("width")};
+    };
+    const std::string i0 = g.input("image0", ML::F32, free(3));
+    const std::string i1 = g.input("image1", ML::F32, free(3));
     const std::string scale = g.input("scale", ML::F32, planes(2, 1, 1));
     g.reserve("flow");
-    SampleGrids grids;
-    const std::string flow = pyramidalFlow(g, grids, luminance(g, i0), luminance(g, i1), h, w);
-    g.output(g.op("Mul", {flow, scale}), "flow", ML::F32, planes(2, h, w));
+    const std::string flow = pyramidalFlow(g, luminance(g, i0), luminance(g, i1));
+    g.output(g.op("Mul", {flow, scale}), "flow", ML::F32, free(2));
     return g.build();
 }
 
@@ -91,17 +93,17 @@ onnx::ModelProto buildRetimeStandIn(int64_t h, int64_t w) {
     const std::string i1 = g.input("image1", ML::F32, planes(3, h, w));
     const std::string time = g.input("time", ML::F32, {Dim::fixed(1), Dim::fixed(1)});
     g.reserve("result");
-    SampleGrids grids;
     const std::string t = g.op("Reshape", {time, g.constI64({1, 1, 1, 1}, {4})});
     const std::string s = g.op("Sub", {g.scalarF32(1.0f), t});
 
     // Both flows in one batch: [F01, F10].
     const std::string l0 = luminance(g, i0), l1 = luminance(g, i1);
-    const std::string flows = pyramidalFlow(g, grids, concat(g, {l0, l1}, 0), concat(g, {l1, l0}, 0), h, w);
+    const std::string flows = pyramidalFlow(g, concat(g, {l0, l1}, 0), concat(g, {l1, l0}, 0));
     const std::string swapped = concat(g, {batch(g, flows, 1), batch(g, flows, 0)}, 0);
 
     // Forward-backward mismatch in each frame, and the frame's weight.
-    const std::string mismatch = g.op("Add", {flows, warpByFlow(g, grids, swapped, flows, h, w)});
+    const PictureGeometry geo = geometryOf(g, i0);
+    const std::string mismatch = g.op("Add", {flows, warpByFlow(g, geo, swapped, flows)});
     const std::string e = g.op("ReduceSum", {g.op("Mul", {mismatch, mismatch}), g.constI64({1}, {1})},
                                {attrInt("keepdims", 1)});
     const float twoVar = 2.0f * kConsistencySigma * kConsistencySigma;
@@ -110,7 +112,7 @@ onnx::ModelProto buildRetimeStandIn(int64_t h, int64_t w) {
     // Frame 0 read at p - t F01(p), frame 1 at p - (1 - t) F10(p), each with its weight.
     const std::string reach = concat(g, {t, s}, 0);
     const std::string disp = g.op("Neg", {g.op("Mul", {flows, reach})});
-    const std::string warped = warpByFlow(g, grids, concat(g, {concat(g, {i0, i1}, 0), weight}, 1), disp, h, w);
+    const std::string warped = warpByFlow(g, geo, concat(g, {concat(g, {i0, i1}, 0), weight}, 1), disp);
     const std::string pictures = g.op("Slice", {warped, g.constI64({0}, {1}), g.constI64({3}, {1}), g.constI64({1}, {1})});
     const std::string weights = g.op("Slice", {warped, g.constI64({3}, {1}), g.constI64({4}, {1}), g.constI64({1}, {1})});
     const std::string share = g.op("Mul", {weights, concat(g, {s, t}, 0)});

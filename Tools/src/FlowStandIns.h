@@ -6,7 +6,8 @@
 //   optical_flow_standin.onnx   image0, image1 1x3xHxW; scale 1x2x1x1 (x factor, y factor)
 //                               -> flow 1x2xHxW: x, y displacement from image0 to image1
 //                               (image1(p + flow(p)) ~ image0(p)), in the network's pixels times
-//                               scale. H x W = kFlowTileH x kFlowTileW.
+//                               scale. H, W free ("height", "width"; 16 at least), configured
+//                               for tiles of kFlowTileH x kFlowTileW.
 //   flow_viz-<H>x<W>.onnx       flow 1x2xHxW -> color 1x3xHxW in 0..1: hue = direction
 //                               (0 = +x red, +y at 120 degrees green ...), saturation =
 //                               length / the field's largest length, value 1 (still = white).
@@ -44,7 +45,7 @@ std::string flowVizId(int64_t h, int64_t w);
 // "blend_F32_1x3x384x384" (in imgcvt/)
 std::string blendName(int64_t h, int64_t w);
 
-onnx::ModelProto buildFlowStandIn(int64_t h = kFlowTileH, int64_t w = kFlowTileW);
+onnx::ModelProto buildFlowStandIn();
 onnx::ModelProto buildFlowViz(int64_t h = kFlowTileH, int64_t w = kFlowTileW);
 onnx::ModelProto buildFlowMax();
 onnx::ModelProto buildRetimeStandIn(int64_t h = kRetimeTile, int64_t w = kRetimeTile);
