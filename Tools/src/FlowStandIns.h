@@ -8,9 +8,10 @@
 //                               (image1(p + flow(p)) ~ image0(p)), in the network's pixels times
 //                               scale. H, W free ("height", "width"; 16 at least), configured
 //                               for tiles of kFlowTileH x kFlowTileW.
-//   flow_viz-<H>x<W>.onnx       flow 1x2xHxW -> color 1x3xHxW in 0..1: hue = direction
-//                               (0 = +x red, +y at 120 degrees green ...), saturation =
-//                               length / the field's largest length, value 1 (still = white).
+//   flow_viz-<H>x<W>.onnx       flow 1x2xHxW -> color 1x3xHxW in 0..1, HSV with hue = the
+//                               direction's angle from +x towards +y (down): +x red, 120
+//                               degrees green, 240 degrees blue; saturation = length / the
+//                               field's largest length; value 1 (still = white).
 //   flow_max.onnx               flow 1x2xhxw (h, w free) -> max 1x2x1x1: largest |x| and |y|.
 //   retiming_standin.onnx       image0, image1 1x3xHxW; time 1x1 -> result 1x3xHxW, the picture
 //                               at time t in 0..1 (kRetimeTile square):
