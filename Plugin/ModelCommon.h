@@ -2,9 +2,13 @@
 // Helpers shared by every model of one backend connection; a conversion network loaded for
 // one model serves all.
 #include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
 
 #include "Plugin/ImageTensorConverter.h"
 #include "Plugin/ModelContext.h"
+#include "Plugin/Models/RAFT/TempState.h"
 
 namespace ML {
 
@@ -26,9 +30,21 @@ public:
 
     ImageTensorConverter& getConverter() { return converter; }
 
+    // The flow network's tensors for this execution size, made at first use in this type (the
+    // flow networks run in F32 only). Callers hold the compute mutex while they use them.
+    RAFT::TempState& getFlowTempState(u32 dataType, i32 execH, i32 execW) {
+        const std::string key = std::to_string(execH) + "x" + std::to_string(execW);
+        std::lock_guard<std::mutex> lock(flowStatesMutex);
+        auto& state = flowStates[key];
+        if (!state) state = std::make_unique<RAFT::TempState>(modelContext, dataType, execH, execW);
+        return *state;
+    }
+
 private:
     std::shared_ptr<ModelContext> modelContext;
     ImageTensorConverter converter;
+    std::mutex flowStatesMutex;
+    std::unordered_map<std::string, std::unique_ptr<RAFT::TempState>> flowStates;
 };
 
 }  // namespace ML

@@ -120,10 +120,10 @@ void PluginContext::registerModels() {
     registerModel<FastDVDNet_Context>("fdvd");
     registerModel<UnavailableModel>("bvsrpp");
     registerModel<UnavailableModel>("fdvd_aligned");
-    registerModel<UnavailableModel>("raft");
+    registerModel<RAFT::Context>("raft");
     registerModel<UnavailableModel>("memfof");
     registerModel<UnavailableModel>("qt");
-    registerModel<UnavailableModel>("rife");
+    registerModel<RIFE::Context>("rife");
     registerModel<UnavailableModel>("y7");
     registerModel<UnavailableModel>("sam");
     registerModel<DA2::Context>("da2");

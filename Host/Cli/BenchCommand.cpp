@@ -109,7 +109,23 @@ Networks denoiseNetworks(Session& session, const Options& o, const RenderRequest
     return {{stage1, stage2}, note};
 }
 
+// One run of the flow network a frame, at its execution size.
+Networks flowNetworks(Session& session, const Options& o, const RenderRequest&, const TimedFrames& t) {
+    return {{networkOf(session, TARGET_OPTICAL_FLOW, o.model, modelIdOf(session, TARGET_OPTICAL_FLOW, o.model), t.frames)},
+            ""};
+}
+
+// The interpolation network once per tile the plug-in reported; measuring the motion (a flow
+// network and a reduction on the whole frame) and joining the tiles count as plug-in work.
+Networks retimingNetworks(Session& session, const Options& o, const RenderRequest&, const TimedFrames& t) {
+    const long tiles = std::max<long>(1, static_cast<long>(t.progress.size()) - 1);  // 0, then one report per tile
+    return {{networkOf(session, TARGET_RETIMING, o.model, modelIdOf(session, TARGET_RETIMING, o.model), tiles * t.frames)},
+            "measuring the motion and joining the tiles counted as plug-in work"};
+}
+
 const BenchTarget kBenchTargets[] = {
+    {TARGET_OPTICAL_FLOW, 1920, 1080, 10, flowNetworks},
+    {TARGET_RETIMING, 1920, 1080, 3, retimingNetworks},
     {1, 1920, 1080, 6, denoiseNetworks},
     {2, 640, 360, 3, upresNetworks},
     {TARGET_DEPTH, 1920, 1080, 10, depthNetworks},
@@ -120,19 +136,24 @@ struct DirectRun {
     std::string shape;
 };
 
-// An input of the network: the picture sampled to it for three channels, 1.0 otherwise.
+// An input of the network: the picture sampled to it for an image of three channels (N, 3, H, W),
+// 1.0 everywhere for anything else (noise maps, times, scales).
 template <class T>
 Ort::Value inputTensor(std::vector<T>& data, const std::vector<int64_t>& shape, const QMedia::Frame& picture) {
-    const int64_t c = shape[1], h = shape[2], w = shape[3];
-    data.resize(static_cast<std::size_t>(c * h * w));
-    for (int64_t ch = 0; ch < c; ++ch)
-        for (int64_t y = 0; y < h; ++y)
-            for (int64_t x = 0; x < w; ++x) {
-                const int sx = static_cast<int>(x * picture.width() / w);
-                const int sy = static_cast<int>(y * picture.height() / h);
-                const int sc = static_cast<int>(std::min<int64_t>(ch, picture.channels() - 1));
-                data[static_cast<std::size_t>((ch * h + y) * w + x)] = T(c == 3 ? picture.sample(sx, sy, sc) : 1.0f);
-            }
+    int64_t count = 1;
+    for (int64_t extent : shape) count *= extent;
+    data.assign(static_cast<std::size_t>(count), T(1.0f));
+    if (shape.size() == 4 && shape[1] == 3) {
+        const int64_t h = shape[2], w = shape[3];
+        for (int64_t ch = 0; ch < 3; ++ch)
+            for (int64_t y = 0; y < h; ++y)
+                for (int64_t x = 0; x < w; ++x) {
+                    const int sx = static_cast<int>(x * picture.width() / w);
+                    const int sy = static_cast<int>(y * picture.height() / h);
+                    const int sc = static_cast<int>(std::min<int64_t>(ch, picture.channels() - 1));
+                    data[static_cast<std::size_t>((ch * h + y) * w + x)] = T(picture.sample(sx, sy, sc));
+                }
+    }
     const auto memory = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
     return Ort::Value::CreateTensor<T>(memory, data.data(), data.size(), shape.data(), shape.size());
 }
@@ -171,18 +192,16 @@ DirectRun runDirect(const NetworkRuns& n, const QMedia::Frame& picture) {
         inputNames.push_back(names.back().get());
         const Ort::TypeInfo type = session.GetInputTypeInfo(i);
         const auto info = type.GetTensorTypeAndShapeInfo();  // a view into `type`
+        // Free extents: one image of the tile size.
         std::vector<int64_t> shape = info.GetShape();
-        if (shape.size() != 4) throw CliError(EXIT_FAILURE_OTHER, "an input of the network is not 4D: " + n.file.string());
-        if (shape[0] < 1) shape[0] = 1;
-        if (shape[1] < 1) shape[1] = 3;
-        if (shape[2] < 1) shape[2] = n.tileH > 0 ? n.tileH : 256;
-        if (shape[3] < 1) shape[3] = n.tileW > 0 ? n.tileW : 256;
+        for (std::size_t d = 0; d < shape.size(); ++d)
+            if (shape[d] < 1) shape[d] = shape.size() == 4 && d == 1 ? 3 : shape.size() == 4 && d == 2 ? (n.tileH > 0 ? n.tileH : 256)
+                                         : shape.size() == 4 && d == 3 ? (n.tileW > 0 ? n.tileW : 256) : 1;
         inputs.push_back(info.GetElementType() == ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT
                              ? inputTensor(floats[i], shape, picture)
                              : inputTensor(halves[i], shape, picture));
         if (i == 0)
-            run.shape = std::to_string(shape[0]) + "x" + std::to_string(shape[1]) + "x" + std::to_string(shape[2]) + "x" +
-                        std::to_string(shape[3]);
+            for (std::size_t d = 0; d < shape.size(); ++d) run.shape += (d ? "x" : "") + std::to_string(shape[d]);
     }
     for (std::size_t i = 0; i < session.GetOutputCount(); ++i) {
         names.push_back(session.GetOutputNameAllocated(i, allocator));
@@ -223,7 +242,7 @@ double renderFrames(FrameRenderer& renderer, const QMedia::Frame& picture,
 int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     const auto* bench = std::find_if(std::begin(kBenchTargets), std::end(kBenchTargets),
                                      [&](const BenchTarget& b) { return b.target == o.target; });
-    if (bench == std::end(kBenchTargets)) throw UsageError("bench measures denoise, upres and depth only");
+    if (bench == std::end(kBenchTargets)) throw UsageError("bench measures denoise, upres, optical-flow, retiming and depth only");
     const int width = o.benchWidth > 0 ? o.benchWidth : bench->width;
     const int height = o.benchHeight > 0 ? o.benchHeight : bench->height;
     const int frames = o.benchFrames > 0 ? o.benchFrames : bench->frames;
@@ -234,6 +253,8 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     options.buffers.clear();
     if (o.target == 2 && renderRequestFor(o).outputScale == 1.0f)
         options.params.push_back(parseParam("200:float=2"));  // upscaling by 2 unless --scale says otherwise
+    if (o.target == TARGET_OPTICAL_FLOW && neighbourOffsets(o.target, o.params).empty())
+        options.params.push_back(parseParam("700:int=1"));  // flow to the next frame unless --offset says otherwise
     const RenderRequest request = renderRequestFor(options);
     FrameRenderer renderer(session, cancel, request);
     const QMedia::Frame picture = makeSampleImage(width, height);
@@ -243,18 +264,27 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     out << ", " << frames << " frames, after one warm-up frame\n";
 
     // The one picture stands for every frame; effects that read neighbours get it for those too.
+    // Retiming renders the middle of each pair of frames.
+    const bool retiming = o.target == TARGET_RETIMING;
+    const std::vector<int> offsets = neighbourOffsets(o.target, options.params);
     const auto around = [&](int frame) {
         NeighbourFrames n;
-        for (int d = 1; d <= temporalRadius(o.target); ++d) n.emplace(frame - d, picture), n.emplace(frame + d, picture);
+        if (retiming) n.emplace(frame, picture), n.emplace(frame + 1, picture);
+        for (int d : offsets) n.emplace(frame + d, picture);
         return n;
     };
+    const auto paramsAt = [&](int frame) {
+        std::vector<ParamSetting> params;
+        if (retiming) params.push_back(parseParam("400:float=" + std::to_string(frame + 0.5)));
+        return params;
+    };
     FrameResult first;
-    renderer.render(0, picture, around(0));  // loads the networks
+    renderer.render(0, picture, around(0), paramsAt(0));  // loads the networks
     session.host().cache().clear();
     session.host().cache().resetStats();
     double plugin = 0;
     for (int i = 0; i < frames; ++i) {
-        FrameResult r = renderer.render(i + 1, picture, around(i + 1));
+        FrameResult r = renderer.render(i + 1, picture, around(i + 1), paramsAt(i + 1));
         plugin += r.pluginSeconds;
         if (i == 0) first = std::move(r);
     }
@@ -270,7 +300,7 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
                   plugin / frames * 1000.0, plugin > 0 ? frames / plugin : 0.0);
     out << line;
 
-    if (allowsParallelFrames(o.target) && temporalRadius(o.target) > 0) {
+    if (o.target == TARGET_DENOISE) {
         // Frames of their own numbers, so that the cache holds none of them yet.
         const int base = frames + 100;
         session.host().cache().clear();

@@ -23,12 +23,15 @@ ML::u32 outputLayout(ML::u32 format) { return format == ML::ImageImp::R ? ML::Im
 // other effects give pictures like their input.
 ML::u32 outputFormat(int target, int id, const QHost::OwnedImage& input) {
     if (target == TARGET_DEPTH) return id == 0 ? ML::ImageImp::R : ML::ImageImp::RGB;
+    if (target == TARGET_OPTICAL_FLOW) return id == 0 ? ML::ImageImp::RG : ML::ImageImp::RGB;
     return input.getChannelFormat();
 }
 
-// The denoiser hands back the input's own pixels, tile by tile, so its output is of the input's
-// type; other effects write floats.
-ML::u32 outputType(int target, const QHost::OwnedImage& input) { return target == 1 ? input.getDataType() : ML::F32; }
+// The denoiser and retiming hand back the input's own pixels, tile by tile, so their output is of
+// the input's type; other effects write floats.
+ML::u32 outputType(int target, const QHost::OwnedImage& input) {
+    return target == TARGET_DENOISE || target == TARGET_RETIMING ? input.getDataType() : ML::F32;
+}
 
 bool isJsonPath(const std::filesystem::path& path) { return path.extension() == ".json"; }
 
@@ -66,7 +69,8 @@ RenderRequest renderRequestFor(const Options& o) {
 FrameRenderer::FrameRenderer(Session& session, CancelWatch& cancel, RenderRequest request)
     : session_(session), cancel_(cancel), request_(std::move(request)) {}
 
-FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, const NeighbourFrames& neighbours) {
+FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, const NeighbourFrames& neighbours,
+                                  const std::vector<ParamSetting>& params) {
     auto settings = session_.newSettings(3, request_.target);
     const auto frameNumber = static_cast<ML::u32>(frame);
     settings->setFrame(frameNumber);
@@ -74,6 +78,7 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, co
     settings->setBackend(request_.backend);
     if (request_.device) settings->setDeviceId(*request_.device);
     for (const ParamSetting& p : request_.params) applyParam(*settings, p);
+    for (const ParamSetting& p : params) applyParam(*settings, p);
     if (request_.roi) settings->setRoi(frameNumber, *request_.roi);
 
     const float scale = request_.outputScale;

@@ -51,7 +51,9 @@ public:
 
     // Throws CliError with the exit code of the plug-in's result and its error text.
     // `neighbours` are the other frames the effect reads, by frame number.
-    FrameResult render(int frame, const QMedia::Frame& input, const NeighbourFrames& neighbours = {});
+    // `params` are set on top of the request's for this frame only.
+    FrameResult render(int frame, const QMedia::Frame& input, const NeighbourFrames& neighbours = {},
+                       const std::vector<ParamSetting>& params = {});
 
 private:
     Session& session_;

@@ -16,10 +16,10 @@ Commands:
   render --target T -i IN -o OUT [options]
                              render frames of IN through an effect into OUT
   demo [--out DIR]           make the default package if missing, a sample image, and its depth
-  bench [--target depth|upres|denoise] [--frames N] [--size WxH] [--scale F]
+  bench [--target T] [--frames N] [--size WxH] [--scale F] [--offset N]
                              time N renders through the plug-in against the bare networks
-                             (defaults: depth 10 frames of 1920x1080, upres 3 of 640x360 x2,
-                             denoise 6 of 1920x1080 on one and on two host threads)
+                             (targets: depth, upres, denoise, optical-flow, retiming; defaults:
+                             1920x1080, but upres 640x360 x2; denoise also on two host threads)
   help                       this text
 
 Inputs and outputs are image files (.png .exr .tif .jpg ...), numbered image sequences
@@ -58,6 +58,11 @@ Render options:
   --scale F                  upres: the factor, above 1 and up to 10 (float parameter 200); the
                              output is the input's size times F
   --origin X,Y               upres: the point that stays in place (int parameters 202, 203)
+  --offset N                 optical-flow: flow from each frame to the frame N later (int parameter
+                             700); past the clip's end the last frame repeats
+  --speed S                  retiming: each output frame moves on by S source frames (0.5: twice as
+                             slow); the source position goes to the effect as float parameter 400
+  --fps F                    retiming: output frame rate F for a video input (frame-rate conversion)
 
 Demo options:
   --out DIR                  folder for the sample and its results (default ./quillon-demo)

@@ -1,6 +1,7 @@
 #include "Host/Cli/Options.h"
 
 #include <cerrno>
+#include <cmath>
 #include <climits>
 #include <cstdlib>
 #include <functional>
@@ -22,6 +23,15 @@ long parseInteger(const std::string& text, const std::string& what, long min, lo
     if (value < min || value > max)
         throw UsageError("bad " + what + " '" + text + "': must be " + std::to_string(min) + " to " +
                          std::to_string(max));
+    return value;
+}
+
+double parseReal(const std::string& text, const std::string& what) {
+    errno = 0;
+    char* end = nullptr;
+    const double value = text.empty() ? 0 : std::strtod(text.c_str(), &end);
+    if (text.empty() || errno != 0 || *end != '\0' || !std::isfinite(value))
+        throw UsageError("bad " + what + " '" + text + "': not a number");
     return value;
 }
 
@@ -141,6 +151,12 @@ Options parseArguments(const std::vector<std::string>& args) {
             o.device = static_cast<std::uint32_t>(parseInteger(value(), "device", 0, INT_MAX));
         } else if (arg == "--roi") {
             o.roi = parseRoi(value());
+        } else if (arg == "--offset") {
+            o.params.push_back(parseParam("700:int=" + value()));
+        } else if (arg == "--speed") {
+            o.speed = parseReal(value(), "speed");
+        } else if (arg == "--fps") {
+            o.fps = parseReal(value(), "frame rate");
         } else if (arg == "--scale") {
             o.params.push_back(parseParam("200:float=" + value()));
         } else if (arg == "--origin") {

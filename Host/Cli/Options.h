@@ -42,6 +42,9 @@ struct Options {
     std::optional<std::uint32_t> device;
     std::optional<ML::Rect> roi;
     int threads = 1;
+    // retiming: the source frames an output frame moves on by, or the output's frame rate
+    std::optional<double> speed;
+    std::optional<double> fps;
 
     // demo
     std::filesystem::path outDir;      // empty: ./quillon-demo

@@ -1,5 +1,6 @@
 // quillon render: frames of an input through one effect into output files.
 #include <algorithm>
+#include <cmath>
 #include <thread>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include "Host/Cli/Progress.h"
 #include "Host/Cli/Session.h"
 #include "Host/Cli/Targets.h"
+#include "Host/Cli/Timing.h"
 #include "Host/Media/MediaSink.h"
 #include "Host/Media/MediaSource.h"
 #include "Host/Media/PendingFile.h"
@@ -48,13 +50,15 @@ QMedia::FrameRange chooseFrames(const Options& o, const QMedia::MediaSource& sou
     return frames;
 }
 
-std::unique_ptr<QMedia::MediaSink> createOutput(const std::filesystem::path& path, const QMedia::FrameRange& frames,
+std::unique_ptr<QMedia::MediaSink> createOutput(const std::filesystem::path& path, const Timing& timing,
                                                 const QMedia::MediaSource& source) {
+    const QMedia::FrameRange& frames = timing.outputs;
     if (QMedia::mediaKindOf(path) == QMedia::MediaKind::Image && frames.count() > 1)
         throw UsageError("output " + path.string() + " is one image but " + std::to_string(frames.count()) +
                          " frames are rendered; name a sequence (name.%04d.exr) or a video");
     QMedia::MediaSinkOptions options;
-    if (source.frameRate().valid()) options.video.frameRate = source.frameRate();
+    if (timing.rate) options.video.frameRate = *timing.rate;
+    else if (source.frameRate().valid()) options.video.frameRate = source.frameRate();
     try {
         return QMedia::MediaSink::create(path, options);
     } catch (const std::exception& e) {
@@ -113,10 +117,14 @@ void finishOutput(QMedia::MediaSink& sink) {
 int runRender(const Options& o, std::ostream& out, std::ostream& err) {
     auto source = openInput(o.input);
     const QMedia::FrameRange frames = chooseFrames(o, *source);
-    auto sink = createOutput(o.output, frames, *source);
+    const bool retiming = o.target == TARGET_RETIMING;
+    if (!retiming && (o.speed || o.fps)) throw UsageError("--speed and --fps are for retiming only");
+    const Timing timing = timingFor(frames, retiming ? o.speed : std::nullopt, retiming ? o.fps : std::nullopt,
+                                    source->frameRate());
+    auto sink = createOutput(o.output, timing, *source);
     std::unique_ptr<QMedia::MediaSink> sink1;
-    if (!o.output1.empty()) sink1 = createOutput(o.output1, frames, *source);
-    checkBufferOutputs(o.buffers, frames);
+    if (!o.output1.empty()) sink1 = createOutput(o.output1, timing, *source);
+    checkBufferOutputs(o.buffers, timing.outputs);
 
     Session session({o.plugin, o.package, o.verbosity, o.cacheMb << 20}, err);
     installInterruptHandler();
@@ -126,40 +134,55 @@ int runRender(const Options& o, std::ostream& out, std::ostream& err) {
     request.wantOutput1 = static_cast<bool>(sink1);
     FrameRenderer renderer(session, cancelWatch, request);
 
-    int threads = std::min(o.threads, frames.count());
+    const QMedia::FrameRange& outputs = timing.outputs;
+    int threads = std::min(o.threads, outputs.count());
     if (threads > 1 && !allowsParallelFrames(o.target)) {
         err << "quillon: " << targetName(o.target) << " renders frames one after the other; --threads ignored\n";
         threads = 1;
     }
 
-    Progress progress(frames.count(), err, isatty(STDERR_FILENO) != 0);
+    Progress progress(outputs.count(), err, isatty(STDERR_FILENO) != 0);
     struct Finish {
         Progress& p;
         ~Finish() { p.finish(); }
     } finishProgress{progress};
 
     // An image stands for every frame; sequences and videos repeat their ends.
-    const QMedia::FrameRange clip =
-        source->kind() == QMedia::MediaKind::Image ? frames : source->frameRange();
-    FrameWindow window(clip, temporalRadius(o.target), [&](int f) { return readFrame(*source, f); });
+    const QMedia::FrameRange clip = source->kind() == QMedia::MediaKind::Image ? frames : source->frameRange();
+    FrameWindow window(clip, [&](int f) { return readFrame(*source, f); });
+    const std::vector<int> offsets = neighbourOffsets(o.target, o.params);
+    const int reachBack = offsets.empty() ? 0 : std::max(0, -*std::min_element(offsets.begin(), offsets.end()));
 
-    for (int batchStart = frames.first; batchStart <= frames.last; batchStart += threads) {
-        const int batch = std::min(threads, frames.last - batchStart + 1);
-        window.forgetBefore(batchStart);
+    for (int batchStart = outputs.first; batchStart <= outputs.last; batchStart += threads) {
+        const int batch = std::min(threads, outputs.last - batchStart + 1);
         std::vector<QMedia::Frame> inputs;
-        std::vector<NeighbourFrames> neighbours;
+        std::vector<NeighbourFrames> neighbours(static_cast<std::size_t>(batch));
+        std::vector<std::vector<ParamSetting>> frameParams(static_cast<std::size_t>(batch));
         for (int k = 0; k < batch; ++k) {
             if (interrupted()) throw CliError(EXIT_CANCELLED, "cancelled");
-            inputs.push_back(window.frame(batchStart + k));
+            const double position = timing.positions[static_cast<std::size_t>(batchStart + k - outputs.first)];
+            const int base = static_cast<int>(std::floor(position));
+            if (k == 0) window.forgetBefore(base - reachBack);
+            inputs.push_back(window.frame(base));
             if (o.roi) checkRoi(*o.roi, inputs.back());
-            neighbours.push_back(window.neighboursOf(batchStart + k));
+            if (retiming) {
+                // The source position, and the two frames around it under their own numbers.
+                for (int f : {base, base + 1}) neighbours[k].emplace(f, window.frame(f));
+                ParamSetting t;
+                t.id = 400;
+                t.setsFloat = true;
+                t.floatValue = static_cast<float>(position);
+                frameParams[k].push_back(t);
+            } else {
+                for (int d : offsets) neighbours[k].emplace(base + d, window.frame(base + d));
+            }
         }
 
         std::vector<FrameResult> results(static_cast<std::size_t>(batch));
         std::vector<std::exception_ptr> failures(static_cast<std::size_t>(batch));
         auto work = [&](int k) {
             try {
-                results[k] = renderer.render(batchStart + k, inputs[k], neighbours[k]);
+                results[k] = renderer.render(batchStart + k, inputs[k], neighbours[k], frameParams[k]);
             } catch (...) {
                 failures[k] = std::current_exception();
             }
@@ -202,7 +225,7 @@ int runRender(const Options& o, std::ostream& out, std::ostream& err) {
     if (sink1) finishOutput(*sink1);
     progress.finish();
 
-    out << "Rendered " << frames.count() << (frames.count() == 1 ? " frame" : " frames") << " of "
+    out << "Rendered " << outputs.count() << (outputs.count() == 1 ? " frame" : " frames") << " of "
         << targetName(o.target) << " to " << o.output.string();
     if (sink1) out << " and " << o.output1.string();
     out << "\n";

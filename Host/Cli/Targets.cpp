@@ -44,6 +44,8 @@ bool allowsParallelFrames(int target) {
     switch (target) {
         case 1:   // denoise: its shared results live in the host's cache, threads take turns at its slots
         case 2:   // upres
+        case 3:   // optical flow
+        case 5:   // retiming
         case 9:   // depth
         case 10:  // matting
         case 11:  // pose
@@ -55,10 +57,17 @@ bool allowsParallelFrames(int target) {
     }
 }
 
-int temporalRadius(int target) {
+std::vector<int> neighbourOffsets(int target, const std::vector<ParamSetting>& params) {
     switch (target) {
-        case 1: return 2;  // denoise: five frames
-        default: return 0;
+        case TARGET_DENOISE: return {-2, -1, 1, 2};  // five frames
+        case TARGET_OPTICAL_FLOW: {
+            int offset = 0;  // the host's default for int parameter 700
+            for (const ParamSetting& p : params)
+                if (p.id == 700 && p.index == 0 && p.setsInt) offset = p.intValue;
+            if (offset == 0) return {};
+            return {offset};
+        }
+        default: return {};
     }
 }
 

@@ -3,6 +3,8 @@
 #include <string>
 #include <vector>
 
+#include "Host/Cli/ParamSetting.h"
+
 namespace QCli {
 
 // Target numbers that the host treats specially.
@@ -25,8 +27,14 @@ std::string targetName(int number);
 // keep nothing between frames.
 bool allowsParallelFrames(int target);
 
-// How many frames on each side of the rendered one the effect reads (0 for single-frame effects).
+// The source frames an effect reads besides the one it renders, as offsets from it (none for
+// single-frame effects); `params` are the render's parameters (optical flow's offset is one).
 // The host hands them over with the frame, repeating the clip's first and last frames past its ends.
-int temporalRadius(int target);
+// Retiming is not here: it reads the two source frames around a position of its own.
+std::vector<int> neighbourOffsets(int target, const std::vector<ParamSetting>& params);
+
+constexpr int TARGET_DENOISE = 1;
+constexpr int TARGET_OPTICAL_FLOW = 3;
+constexpr int TARGET_RETIMING = 5;
 
 }  // namespace QCli

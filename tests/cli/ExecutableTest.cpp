@@ -138,6 +138,40 @@ TEST(CliRender, UpresOutputIsTheFactorsSizeAboutTheOrigin) {
     }
 }
 
+// A textured frame moved right by dx pixels.
+QMedia::Frame texturedFrame(int width, int height, float dx) {
+    QMedia::Frame frame(width, height, 3, ML::F32);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            for (int c = 0; c < 3; ++c)
+                frame.setSample(x, y, c, 0.5f + 0.3f * std::sin(0.2f * (x - dx) + c) * std::cos(0.15f * y));
+    return frame;
+}
+
+// Flow between neighbouring frames of a sequence that moves 2 pixels a frame, with its coloured
+// view; and the same sequence slowed down by half, whose whole positions are the source frames.
+TEST(CliRender, OpticalFlowAndRetimingOfASequence) {
+    TempDir dir;
+    for (int f = 0; f < 3; ++f) QMedia::writeImage(dir / ("in." + std::to_string(f) + ".exr"), texturedFrame(160, 96, 2.0f * f));
+    const std::string in = quote(dir / "in.%d.exr");
+    auto r = runQuillon("render -t optical-flow --offset 1 -i " + in + " -o " + quote(dir / "flow.%d.exr") +
+                        " --output1 " + quote(dir / "colour.%d.png"));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    const QMedia::Frame flow = readImage(dir / "flow.0.exr");
+    ASSERT_EQ(flow.channels(), 2);
+    EXPECT_NEAR(flow.sample(80, 48, 0), 2.0f, 0.3f);
+    EXPECT_NEAR(flow.sample(80, 48, 1), 0.0f, 0.3f);
+    EXPECT_NEAR(readImage(dir / "flow.2.exr").sample(80, 48, 0), 0.0f, 0.3f);  // the last frame repeats
+    EXPECT_TRUE(std::filesystem::exists(dir / "colour.1.png"));
+
+    r = runQuillon("render -t retiming --speed 0.5 -i " + in + " -o " + quote(dir / "slow.%d.exr"));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    EXPECT_NE(r.output.find("Rendered 5 frames"), std::string::npos) << r.output;
+    EXPECT_EQ(readImage(dir / "slow.0.exr"), readImage(dir / "in.0.exr"));
+    EXPECT_EQ(readImage(dir / "slow.2.exr"), readImage(dir / "in.1.exr"));
+    EXPECT_NEAR(readImage(dir / "slow.1.exr").sample(80, 48, 1), texturedFrame(160, 96, 1.0f).sample(80, 48, 1), 0.05f);
+}
+
 TEST(CliRender, ThreadsGiveTheSameFrames) {
     TempDir dir;
     QMedia::writeImage(dir / "ramp.png", greyFrame(48, 32, -1.0f));
@@ -170,6 +204,8 @@ TEST(CliCommands, ListHelpDemoAndBench) {
         {"bench --frames 1 --size 64x48", {"Through the plug-in:", "Network alone (ORT):", "Plug-in overhead:"}},
         // 600x200 out of tiles of 256 that overlap by 32: three tiles, each one run.
         {"bench -t upres -m 3 --frames 1 --size 300x100", {"scaled by 2,", "(3 runs of upres_standin_2x.onnx on 1x3x128x128"}},
+        {"bench -t optical-flow --frames 1 --size 64x48", {"(1 run of optical_flow_standin.onnx on 1x3x288x512"}},
+        {"bench -t retiming --frames 1 --size 500x100", {"(2 runs of retiming_standin.onnx on 1x3x384x384"}},
         // Two frames of 300x100 in two tiles: four stage-1 results made, two taken from the cache.
         {"bench -t denoise --frames 2 --size 300x100",
          {"Host threads:", "(8 runs of denoiser_standin_stage1.onnx", "(4 runs of denoiser_standin_stage2.onnx",
@@ -233,12 +269,15 @@ TEST(CliErrorPath, OnePlainLineTheExitCodeAndNoOutput) {
         {render + " -f 0-2", QCli::EXIT_USAGE, "one image"},
         {render + " --roi 0,0,17,16", QCli::EXIT_USAGE, "outside the input"},
         {render + " --origin 3", QCli::EXIT_USAGE, "bad origin"},
+        {render + " --speed 0.5", QCli::EXIT_USAGE, "for retiming only"},
+        {"render -t retiming --fps 30 -i " + quote(dir / "s.%d.png") + " -o " + quote(dir / "out" / "r.%d.png"),
+         QCli::EXIT_USAGE, "use --speed"},
         {"render -t upres --scale 1 -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "u.png"),
          QCli::EXIT_FAILURE_OTHER, "upres factor must be > 1"},
         // Families not in this build: the plug-in fails with result 4 and logs its own line.
-        {"render -t optical-flow -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
+        {"render -t matting -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
          QCli::EXIT_FAILURE_OTHER, "not available in this build"},
-        {"render -t optical-flow -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
+        {"render -t matting -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.exr"),
          QCli::EXIT_FAILURE_OTHER, "[Quillon] [E]"},
         {"render -t depth -m 7 -i " + quote(dir / "in.png") + " -o " + quote(dir / "out" / "d.mkv"),
          QCli::EXIT_FAILURE_OTHER, "Model idx out of range!"},

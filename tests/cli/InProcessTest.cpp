@@ -2,6 +2,7 @@
 // and host images, and cancellation through the host.
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <sstream>
 
 #include "Host/CallSettings.h"
@@ -12,6 +13,7 @@
 #include "Host/Cli/Options.h"
 #include "Host/Cli/ParamSetting.h"
 #include "Host/Cli/Targets.h"
+#include "Host/Cli/Timing.h"
 #include "Host/Host.h"
 
 using namespace QCli;
@@ -102,6 +104,35 @@ TEST(CliOptions, PiecesAndUsageErrors) {
     for (const auto& [result, code] : {std::pair{0, EXIT_OK}, {1, EXIT_CANCELLED}, {2, EXIT_HOST}, {3, EXIT_BACKEND},
                                        {4, EXIT_FAILURE_OTHER}})
         EXPECT_EQ(exitCodeForResult(result), code) << result;
+}
+
+// Source positions of output frames: one per source frame, or stepping by the speed, or by the
+// source rate over the output's.
+TEST(CliTiming, OutputFramesAndTheirSourcePositions) {
+    const QMedia::FrameRate rate25{25, 1}, none{0, 1};
+    const struct {
+        std::optional<double> speed, fps;
+        QMedia::FrameRate source;
+        std::vector<double> positions;
+        std::optional<QMedia::FrameRate> rate;
+    } cases[] = {
+        {std::nullopt, std::nullopt, rate25, {2, 3, 4, 5}, std::nullopt},
+        {0.5, std::nullopt, none, {2, 2.5, 3, 3.5, 4, 4.5, 5}, std::nullopt},
+        {1.5, std::nullopt, none, {2, 3.5, 5}, std::nullopt},
+        {std::nullopt, 50.0, rate25, {2, 2.5, 3, 3.5, 4, 4.5, 5}, QMedia::FrameRate{50, 1}},
+        {std::nullopt, 10.0, rate25, {2, 4.5}, QMedia::FrameRate{10, 1}},
+    };
+    for (const auto& c : cases) {
+        const Timing t = timingFor({2, 5}, c.speed, c.fps, c.source);
+        EXPECT_EQ(t.positions, c.positions);
+        EXPECT_EQ(t.outputs.first, 2);
+        EXPECT_EQ(t.outputs.count(), static_cast<int>(c.positions.size()));
+        EXPECT_EQ(t.rate.has_value(), c.rate.has_value());
+        if (t.rate && c.rate) EXPECT_TRUE(*t.rate == *c.rate);
+    }
+    EXPECT_THROW(timingFor({0, 5}, std::nullopt, 30.0, none), UsageError);  // no source rate
+    EXPECT_THROW(timingFor({0, 5}, 0.0, std::nullopt, rate25), UsageError);
+    EXPECT_THROW(timingFor({0, 5}, 1.0, 30.0, rate25), UsageError);
 }
 
 TEST(CliImageBridge, FramesToHostImages) {

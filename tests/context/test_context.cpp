@@ -313,8 +313,8 @@ TEST_F(Targets, ModelIndexTypeAndFamilyErrors) {
     s->setModelIndex(1);
     EXPECT_EQ(install.run(s), 4);
     EXPECT_TRUE(install.logged("Model idx out of range!"));
-    EXPECT_EQ(install.run(install.settings(4, 3)), 4);
-    EXPECT_TRUE(install.logged("Model type \"raft\" of target 3 is not available in this build"));
+    EXPECT_EQ(install.run(install.settings(4, 10)), 4);
+    EXPECT_TRUE(install.logged("Model type \"tgn\" of target 10 is not available in this build"));
     PluginInstall fresh;
     fresh.copyDefaultConfigs();
     fresh.writeConfig("matting_config.json", R"({"availableModels":[{"modelType":"nonesuch","modelId":"m",
