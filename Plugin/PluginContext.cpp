@@ -171,7 +171,7 @@ void PluginContext::render(Host* host, u64 call, bool prepareOnly) {
     auto factory = modelFactories.find(type);
     if (factory == modelFactories.end()) ML_THROW("unknown model type: " + type);
 
-    ModelBase* model = nullptr;
+    std::shared_ptr<ModelBase> model;
     {
         std::lock_guard<std::mutex> lock(contextMutex);
         if (modelContext && (modelContext->getBackendName() != backend || modelContext->getDeviceId() != device)) {
@@ -184,7 +184,7 @@ void PluginContext::render(Host* host, u64 call, bool prepareOnly) {
         auto loaded = loadedModels.find(type);
         if (loaded == loadedModels.end())
             loaded = loadedModels.emplace(type, factory->second(modelContext, modelCommon)).first;
-        model = loaded->second.get();
+        model = loaded->second;
     }
     if (host->isCancelled(call)) ML_THROW_CANCEL();
     model->render(host, call, prepareOnly, info, target);

@@ -72,7 +72,8 @@ private:
     std::mutex contextMutex;
     std::shared_ptr<ModelContext> modelContext;
     std::shared_ptr<ModelCommon> modelCommon;
-    std::unordered_map<std::string, std::unique_ptr<ModelBase>> loadedModels;
+    // Shared, so that a render in flight keeps its model when another call drops the map.
+    std::unordered_map<std::string, std::shared_ptr<ModelBase>> loadedModels;
     std::unordered_map<std::string, ModelFactory> modelFactories;
 };
 

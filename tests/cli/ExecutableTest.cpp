@@ -134,7 +134,9 @@ TEST(CliRender, UpresOutputIsTheFactorsSizeAboutTheOrigin) {
             EXPECT_NEAR(up.sample(x, height / 2, 1), source / (W - 1.0f), 0.02f) << x;
         }
         // Past the input's image the frame stays empty.
-        if ((W - c.originX) * c.factor + c.originX < width) EXPECT_EQ(up.sample(width - 1, height / 2, 1), 0.0f);
+        if ((W - c.originX) * c.factor + c.originX < width) {
+            EXPECT_EQ(up.sample(width - 1, height / 2, 1), 0.0f);
+        }
     }
 }
 

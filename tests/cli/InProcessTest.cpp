@@ -128,7 +128,9 @@ TEST(CliTiming, OutputFramesAndTheirSourcePositions) {
         EXPECT_EQ(t.outputs.first, 2);
         EXPECT_EQ(t.outputs.count(), static_cast<int>(c.positions.size()));
         EXPECT_EQ(t.rate.has_value(), c.rate.has_value());
-        if (t.rate && c.rate) EXPECT_TRUE(*t.rate == *c.rate);
+        if (t.rate && c.rate) {
+            EXPECT_TRUE(*t.rate == *c.rate);
+        }
     }
     EXPECT_THROW(timingFor({0, 5}, std::nullopt, 30.0, none), UsageError);  // no source rate
     EXPECT_THROW(timingFor({0, 5}, 0.0, std::nullopt, rate25), UsageError);

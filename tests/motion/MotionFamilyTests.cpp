@@ -308,7 +308,7 @@ TEST(Retiming, FeatherWeightsAndMotionMargin) {
     const struct {
         float maxFlow;
         int tile, margin;
-    } margins[] = {{0, 512, 32}, {100, 960, 128}, {100, 256, 32}, {100, 150, 0}, {30, 960, 32}, {NAN, 960, 160 & ~31}};
+    } margins[] = {{0, 512, 32}, {100, 960, 128}, {100, 256, 32}, {100, 150, 0}, {30, 960, 32}, {NAN, 960, 160 & ~31}, {-5, 960, 32}};
     for (const auto& m : margins)
         EXPECT_EQ(ML::RIFE::motionMargin(m.maxFlow, m.tile, m.tile), m.margin) << m.maxFlow << " " << m.tile;
 }
@@ -324,7 +324,10 @@ TEST(Retiming, RefusedRendersLogTheirReason) {
         bool output;
         std::string logged;
         ML::i32 status = ML::STATUS_OTHER;
+        float t = 3.5f;
     } cases[] = {
+        {"position past the last frame number", {{3, image()}, {4, image()}}, true,
+         "Retiming position out of range: 3000000000", ML::STATUS_OTHER, 3e9f},
         {"no output", {{3, image()}, {4, image()}}, false,
          "[Quillon] [W] Attempting to render retiming without providing output image. nothing to do, returning!",
          ML::STATUS_CANCELLED},
@@ -339,7 +342,7 @@ TEST(Retiming, RefusedRendersLogTheirReason) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const Outcome o = run(retimingSettings(3.5f, c.frames, c.output ? filled(rect, Image::RGB) : nullptr));
+        const Outcome o = run(retimingSettings(c.t, c.frames, c.output ? filled(rect, Image::RGB) : nullptr));
         EXPECT_EQ(o.status, c.status);
         if (c.status == ML::STATUS_CANCELLED) {
             EXPECT_TRUE(o.errors.empty());

@@ -12,8 +12,9 @@ FlowModelRecord Context::getFlowModel(const ModelInfo& info, i32 execH, i32 exec
     const bool refit = modelContext->supportsRefit();
     std::string key = info.modelId;
     if (refit) {
-        const std::string archId =
-            info.params.is_object() && info.params.contains("archId") ? info.params.at("archId").get<std::string>() : "";
+        if (!info.params.is_object() || !info.params.contains("archId") || !info.params.at("archId").is_string())
+            ML_THROW("Model configuration error: \"archId\" missing for " + info.modelId);
+        const std::string archId = info.params.at("archId").get<std::string>();
         key = archId + "_" + std::to_string(execW) + "x" + std::to_string(execH);
     }
     auto found = models.find(key);

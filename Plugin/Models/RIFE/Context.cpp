@@ -1,6 +1,7 @@
 #include "Plugin/Models/RIFE/Context.h"
 
 #include <algorithm>
+#include <cmath>
 #include <mutex>
 #include <vector>
 
@@ -34,6 +35,11 @@ struct HostTile {
     void clear() { std::fill(bytes.begin(), bytes.end(), 0); }
 };
 
+bool tileSizeDiffers(const TempState& ts, const RenderState& rs) {
+    return ts.hostWeightsX.size() != static_cast<std::size_t>(rs.execW) ||
+           ts.hostWeightsY.size() != static_cast<std::size_t>(rs.execH);
+}
+
 }  // namespace
 
 i32 Context::estimateMotionMargin(const RenderState& rs, const ModelInfo& info) {
@@ -51,7 +57,8 @@ i32 Context::estimateMotionMargin(const RenderState& rs, const ModelInfo& info) 
     maxFlowModel->run({ts.flow}, {ts.scale}, -1);
     float maxima[2] = {0.0f, 0.0f};
     ts.scale->download(maxima);
-    return motionMargin(std::max(maxima[0], maxima[1]), rs.execH, rs.execW);
+    const bool finite = std::isfinite(maxima[0]) && std::isfinite(maxima[1]);
+    return motionMargin(finite ? std::max(maxima[0], maxima[1]) : NAN, rs.execH, rs.execW);
 }
 
 void Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo& info, int) {
@@ -80,6 +87,9 @@ void Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo& in
     HostTile outputTile(*rs.outputImage, rs.execW, rs.execH);
 
     if (!tempState) tempState = std::make_unique<TempState>(modelContext, rs.execH, rs.execW);
+    if (tileSizeDiffers(*tempState, rs))
+        ML_THROW("Model configuration error: every retiming model must have the tile size of the first one used (" +
+                 std::to_string(tempState->hostWeightsX.size()) + "x" + std::to_string(tempState->hostWeightsY.size()) + ")");
     TempState& ts = *tempState;
     ts.time->upload(&rs.frac);
 

@@ -23,6 +23,9 @@ RenderState::RenderState(Host* host, u64 call, const ModelInfo& info) {
     rect = outputImage->getRect();
 
     const float t = host->getFloatParam(call, 400, 0);
+    // Frames are 32-bit numbers, and the position's next frame must be one too.
+    if (!(t >= -2147483648.0f && t < 2147483520.0f))
+        ML_THROW("Retiming position out of range: " + std::to_string(t));
     const i32 whole = static_cast<i32>(std::floor(t));
     frac = t - static_cast<float>(whole);
     if (frac < 0.001f) {
@@ -76,7 +79,9 @@ void makeFeatherWeights(std::vector<float>& weights, i32 n, i32 m, const TiledEx
 i32 motionMargin(float maxFlow, i32 execH, i32 execW) {
     const i32 high = std::min(execW, execH) / 6;
     // A field without a finite maximum moves as far as the tiles allow.
-    i32 v = std::isfinite(maxFlow) && std::fabs(maxFlow) < 1e6f ? static_cast<i32>(std::lround(maxFlow * 1.5f)) : high;
+    i32 v = !std::isfinite(maxFlow) || maxFlow > 1e6f ? high
+            : maxFlow < 0.0f                          ? 0
+                                                      : static_cast<i32>(std::lround(maxFlow * 1.5f));
     if (v > high)
         v = high;
     else if (v < 32)
