@@ -9,6 +9,7 @@
 #include "Plugin/ImageTensorConverter.h"
 #include "Plugin/ModelContext.h"
 #include "Plugin/Models/RAFT/TempState.h"
+#include "Plugin/Models/YOLO7/Detector.h"
 
 namespace ML {
 
@@ -30,6 +31,14 @@ public:
 
     ImageTensorConverter& getConverter() { return converter; }
 
+    // The detector of `id`, made at first use and kept for the life of this object.
+    YOLO7::Detector& getDetector(const std::string& id) {
+        std::lock_guard<std::mutex> lock(detectorsMutex);
+        auto& detector = detectors[id];
+        if (!detector) detector = std::make_shared<YOLO7::Detector>(modelContext, id);
+        return *detector;
+    }
+
     // The flow network's tensors for this execution size, made at first use in this type (the
     // flow networks run in F32 only). Callers hold the compute mutex while they use them.
     RAFT::TempState& getFlowTempState(u32 dataType, i32 execH, i32 execW) {
@@ -43,6 +52,8 @@ public:
 private:
     std::shared_ptr<ModelContext> modelContext;
     ImageTensorConverter converter;
+    std::mutex detectorsMutex;
+    std::unordered_map<std::string, std::shared_ptr<YOLO7::Detector>> detectors;
     std::mutex flowStatesMutex;
     std::unordered_map<std::string, std::unique_ptr<RAFT::TempState>> flowStates;
 };
