@@ -39,24 +39,7 @@ struct Face {
     std::vector<float> row;  // the NMS row as written (execution pixels)
 };
 
-// The two networks written once for all tests.
-class FaceDetector : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        ASSERT_TRUE(fs::exists(kBlazeFace)) << kBlazeFace << " is missing: run scripts/setup";
-        dir_ = new TempDir;
-        const tf::Model model = tf::readModel(kBlazeFace);
-        qpkg::writeModel(tf::importAdapted(model, tf::adapterNamed("blazeface-back")), dir_->path() / "det.onnx");
-        qpkg::writeModel(tf::importAdapted(model, tf::adapterNamed("blazeface-nms")), dir_->path() / "nms.onnx");
-        detector_ = new Network(dir_->path() / "det.onnx");
-        nms_ = new Network(dir_->path() / "nms.onnx");
-    }
-    static void TearDownTestSuite() {
-        delete detector_;
-        delete nms_;
-        delete dir_;
-    }
-
+struct FaceDetectorInput {
     // The frame stretched to 1280x768 (bilinear, pixel centres), as the plug-in feeds it.
     static Tensor stretched(const QMedia::Frame& f) {
         std::vector<float> v(static_cast<size_t>(3 * kH * kW));
@@ -77,11 +60,31 @@ protected:
         return makeTensor(ML::F16, {1, 3, kH, kW}, std::move(v));
     }
 
+};
+
+// The two networks written once for all tests.
+class FaceDetector : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_TRUE(fs::exists(kBlazeFace)) << kBlazeFace << " is missing: run scripts/setup";
+        dir_ = new TempDir;
+        const tf::Model model = tf::readModel(kBlazeFace);
+        qpkg::writeModel(tf::importAdapted(model, tf::adapterNamed("blazeface-back")), dir_->path() / "det.onnx");
+        qpkg::writeModel(tf::importAdapted(model, tf::adapterNamed("blazeface-nms")), dir_->path() / "nms.onnx");
+        detector_ = new Network(dir_->path() / "det.onnx");
+        nms_ = new Network(dir_->path() / "nms.onnx");
+    }
+    static void TearDownTestSuite() {
+        delete detector_;
+        delete nms_;
+        delete dir_;
+    }
+
     // Runs the detector, and the NMS network when count says there is something to keep; the
     // surviving faces in the frame's pixels.
     static std::vector<Face> detect(const QMedia::Frame& f, const std::string& what, float* count = nullptr) {
         const auto start = std::chrono::steady_clock::now();
-        const std::vector<Tensor> out = detector_->run({stretched(f)});
+        const std::vector<Tensor> out = detector_->run({FaceDetectorInput::stretched(f)});
         const auto detected = std::chrono::steady_clock::now();
         EXPECT_EQ(out.at(0).shape, (std::vector<int64_t>{1, tf::kFaceRows, kCols}));
         EXPECT_EQ(out.at(1).shape, (std::vector<int64_t>{1}));
@@ -198,6 +201,32 @@ TEST_F(FaceDetector, DarkPicturesFindNothing) {
     }
 }
 
+// Why the back network: faces a few percent of the picture wide (messi5.jpg) are found by the
+// 256x256 back network and missed by the 128x128 front one, which still finds a close face.
+TEST(FaceDetectorNetworks, TheBackNetworkFindsTheSmallFaceTheFrontOneMisses) {
+    const struct {
+        std::string adapter, file, picture;
+        int frame;
+        size_t confident;
+    } cases[] = {
+        {"blazeface-back", "blazeface.json", "messi5.jpg", 0, 1},
+        {"blazeface-front", "blazeface-front.json", "messi5.jpg", 0, 0},
+        {"blazeface-front", "blazeface-front.json", "Megamind.avi", 240, 1},
+    };
+    for (const auto& k : cases) {
+        const std::string what = k.adapter + " on " + k.picture + " frame " + std::to_string(k.frame);
+        TempDir dir;
+        const tf::Model model = tf::readModel(kBlazeFace.parent_path() / k.file);
+        qpkg::writeModel(tf::importAdapted(model, tf::adapterNamed(k.adapter)), dir.path() / "det.onnx");
+        Network detector(dir.path() / "det.onnx");
+        const std::vector<Tensor> out = detector.run({FaceDetectorInput::stretched(frameOf(k.picture, k.frame))});
+        size_t confident = 0;
+        for (int64_t r = 0; r < tf::kFaceRows; ++r) confident += out.at(0).values[size_t(r * kCols + 4)] >= kConfident;
+        // Neighbouring anchors often all score one face: count the confident ones only as none or some.
+        EXPECT_EQ(std::min<size_t>(confident, 1), k.confident) << what << ": " << confident << " confident rows";
+    }
+}
+
 // One candidate row of a hand-made raw tensor.
 struct Candidate {
     int64_t row;
@@ -215,6 +244,7 @@ TEST_F(FaceDetector, NmsKeepsOneOfOverlappingCandidatesBestFirstAndPadsWithZeros
         {"distant", {{3, {100, 100, 200, 200}, 0.8f}, {60000, {600, 300, 700, 400}, 0.9f}}, {60000, 3}},
         {"overlapping at IoU 0.27", {{0, {0, 0, 100, 100}, 0.6f}, {1, {50, 0, 150, 75}, 0.7f}}, {1, 0}},
         {"below the score threshold", {{5, {100, 100, 200, 200}, 0.2f}, {7, {600, 300, 700, 400}, 0.3f}}, {7}},
+        {"none above the score threshold", {{5, {100, 100, 200, 200}, 0.2f}}, {}},
     };
     for (const auto& k : cases) {
         std::vector<float> raw(static_cast<size_t>(tf::kFaceRows * kCols), 0.0f);

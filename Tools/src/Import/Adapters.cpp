@@ -38,6 +38,7 @@ const std::vector<Adapter> kEnhancement{
 // stretched from 1280x768, and faces a few percent of the frame wide (a player in a stadium)
 // would be a handful of pixels at 128. Its 896 anchors: 16x16 cells of stride 16 with 2 anchors
 // each (the 512-anchor outputs), then 8x8 cells of stride 32 with 6 each (the 384-anchor ones).
+// The front network (128x128: strides 8 and 16) stays available by name for comparison.
 Adapter faceDetector(std::string name, int64_t size, std::vector<AnchorLevel> levels) {
     Adapter a;
     a.name = std::move(name);
