@@ -32,9 +32,10 @@ int number(const std::function<int()>& query, int fallback = -1) {
     }
 }
 
-// Whether file is the model's own network: its id, or its id and a scale ("<id>_2x").
+// Whether file is the model's own network: its id, its id and a scale ("<id>_2x"), or the
+// detector of a detector and its helper networks ("<id>_detector", with "<id>_nms").
 bool isNetworkOf(const std::string& file, const std::string& id) {
-    if (file == id) return true;
+    if (file == id || file == id + "_detector") return true;
     if (file.size() < id.size() + 3 || file.compare(0, id.size() + 1, id + "_") != 0 || file.back() != 'x') return false;
     return std::all_of(file.begin() + static_cast<long>(id.size()) + 1, file.end() - 1, ::isdigit);
 }

