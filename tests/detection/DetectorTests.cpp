@@ -3,17 +3,21 @@
 // ONNX Runtime CPU backend.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Host/CallSettings.h"
+#include "Host/Host.h"
 #include "Host/Media/ImageReader.h"
 #include "Host/Media/MediaSource.h"
 #include "Host/OwnedImage.h"
 #include "ML/Exception.h"
 #include "Plugin/Detection.h"
+#include "Plugin/ImageTensorConverter.h"
 #include "Plugin/ModelCommon.h"
 #include "Plugin/ModelContext.h"
 #include "Plugin/Models/YOLO7/Detector.h"
@@ -71,6 +75,154 @@ TEST(DetectionRows, SizesAndDecoding) {
             EXPECT_EQ(d.keypoints.size(), static_cast<std::size_t>(c.keypoints));
         }
     }
+}
+
+// The package's face detector, as photo restoration and heads reach it.
+class FaceDetector : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        const std::filesystem::path package = QUILLON_TEST_PACKAGE_DIR;
+        context = std::make_shared<ML::ModelContext>("ort_cpu", 0, package / "config", package / "models");
+        common = std::make_shared<ML::ModelCommon>(context);
+    }
+    static void TearDownTestSuite() {
+        common.reset();
+        context.reset();
+    }
+    static ML::Ptr<QHost::OwnedImage> picture(const QMedia::Frame& frame) {
+        auto image = QHost::OwnedImage::make({0, 0, frame.width(), frame.height()}, ML::Image::RGB, ML::Image::HWC, ML::U8);
+        for (int y = 0; y < frame.height(); ++y)
+            for (int x = 0; x < frame.width(); ++x)
+                for (int c = 0; c < 3; ++c)
+                    image->at<ML::u8>(x, y, c) =
+                        static_cast<ML::u8>(255.0f * frame.sample(x, y, std::min(c, frame.channels() - 1)) + 0.5f);
+        return image;
+    }
+    static inline std::shared_ptr<ML::ModelContext> context;
+    static inline std::shared_ptr<ML::ModelCommon> common;
+};
+
+const std::filesystem::path media = std::filesystem::path(QUILLON_SOURCE_DIR) / ".deps" / "media";
+
+QMedia::Frame videoFrame(const std::string& file, int n) { return QMedia::MediaSource::open(media / file)->read(n); }
+
+// Boxes measured once by eye (brow to chin, cheek to cheek) in the pictures' own pixels. BlazeFace
+// boxes are square in its 256x256 input, so on stretched 4:3 frames they come out wider: the
+// tolerance per edge is larger there. Weak hits (0.25 to 0.5) on the crowd or on fur are allowed,
+// up to a count.
+TEST_F(FaceDetector, FindsTheFacesMeasuredByEye) {
+    QMedia::Frame black(320, 240, 3, ML::U8);
+    const struct {
+        const char* what;
+        QMedia::Frame frame;
+        std::vector<std::vector<float>> faces;  // x1, y1, x2, y2
+        float tolerance;
+        std::size_t weakAllowed;
+    } cases[] = {
+        {"messi5", QMedia::readImage(media / "messi5.jpg"), {{212, 88, 258, 132}}, 15, 1},
+        {"Megamind 120", videoFrame("Megamind.avi", 120), {{392, 190, 560, 355}}, 35, 0},
+        {"Megamind 180", videoFrame("Megamind.avi", 180), {{235, 170, 395, 320}}, 35, 0},
+        {"baboon (fur, no face)", QMedia::readImage(media / "baboon.jpg"), {}, 0, 2},
+        {"black", black, {}, 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        std::vector<Detection> found;
+        ML::run_detector(*common, found, "fd0", picture(c.frame));
+        std::vector<Detection> confident;
+        for (const Detection& d : found)
+            if (d.score >= 0.5f) confident.push_back(d);
+        EXPECT_LE(found.size() - confident.size(), c.weakAllowed);
+        ASSERT_EQ(confident.size(), c.faces.size());
+        for (std::size_t i = 0; i < confident.size(); ++i) {
+            const Detection& d = confident[i];
+            const std::vector<float>& e = c.faces[i];
+            EXPECT_NEAR(d.x1, e[0], c.tolerance);
+            EXPECT_NEAR(d.y1, e[1], c.tolerance);
+            EXPECT_NEAR(d.x2, e[2], c.tolerance);
+            EXPECT_NEAR(d.y2, e[3], c.tolerance);
+            ASSERT_EQ(d.keypoints.size(), 5u);
+            // Eyes above the nose, the nose above the mouth, left eye left of the right one.
+            EXPECT_LT(d.keypoints[0].x, d.keypoints[1].x);
+            EXPECT_LT(std::max(d.keypoints[0].y, d.keypoints[1].y), d.keypoints[2].y);
+            EXPECT_LT(d.keypoints[2].y, d.keypoints[3].y);
+        }
+    }
+}
+
+TEST_F(FaceDetector, Refusals) {
+    EXPECT_THROW(
+        {
+            try {
+                ML::YOLO7::Detector(context, "lp0");
+            } catch (const ML::Exception& e) {
+                EXPECT_NE(std::string(e.what()).find("TODO: other ids.."), std::string::npos);
+                throw;
+            }
+        },
+        ML::Exception);
+    ML::YOLO7::DetectorTensors tensors(*context, context->getPrecisionDataType(), 768, 1280, 5);
+    auto detector = context->loadModel("fd0_detector");
+    auto nms = context->loadModel("fd0_nms");
+    auto image = picture(QMedia::readImage(media / "messi5.jpg"));
+    try {
+        ML::YOLO7::detectorPass(common->getConverter(), tensors, *detector, *nms, image, nullptr, 0);
+        ADD_FAILURE() << "no exception";
+    } catch (const ML::Exception& e) {
+        EXPECT_NE(std::string(e.what()).find("NMS detections buffer nullptr??"), std::string::npos) << e.what();
+    }
+}
+
+// What one host call of the cache test does: the rows of a frame, through the host's cache.
+struct CacheProbe {
+    ML::YOLO7::DetectorTensors* tensors;
+    ML::BackendModel *detector, *nms;
+    ML::ImageTensorConverter* converter;
+    ML::Ptr<ML::Image> image;
+    ML::u32 frame = 4;
+    int passes = 0;
+    std::vector<unsigned char> rows;
+};
+CacheProbe* g_probe = nullptr;
+
+ML::i32 rowsInOneCall(ML::Host* host, ML::u64 call) {
+    CacheProbe& p = *g_probe;
+    const ML::Ptr<ML::Buffer> buffer =
+        ML::YOLO7::cachedDetectionRows(host, call, p.frame, "fd0", 5, [&](void* rows, ML::u64 bytes) {
+            ++p.passes;
+            ML::YOLO7::detectorPass(*p.converter, *p.tensors, *p.detector, *p.nms, p.image, rows, bytes);
+        });
+    const auto* bytes = static_cast<const unsigned char*>(buffer->getData());
+    p.rows.assign(bytes, bytes + buffer->getSize());
+    return 0;
+}
+
+// A frame's rows are made once and read back from the host's cache by later calls; after the
+// host drops them they are made again, the same.
+TEST_F(FaceDetector, CachedRowsAreReusedAndRemadeAfterEviction) {
+    ML::YOLO7::DetectorTensors tensors(*context, context->getPrecisionDataType(), 768, 1280, 5);
+    auto detector = context->loadModel("fd0_detector");
+    auto nms = context->loadModel("fd0_nms");
+    CacheProbe probe{&tensors, detector.get(), nms.get(), &common->getConverter(),
+                     picture(QMedia::readImage(media / "messi5.jpg"))};
+    g_probe = &probe;
+    QHost::Host host;
+    const auto call = [&] {
+        auto settings = std::make_shared<QHost::CallSettings>(4, 6);
+        EXPECT_EQ(host.run(&rowsInOneCall, settings), 0);
+        return probe.rows;
+    };
+    const std::vector<unsigned char> first = call();
+    ASSERT_EQ(first.size(), ML::detectionBufferBytes(5));
+    EXPECT_EQ(call(), first);
+    EXPECT_EQ(probe.passes, 1);
+    EXPECT_TRUE(host.cache().evict("nms_out_4_fd0"));
+    EXPECT_EQ(call(), first);
+    EXPECT_EQ(probe.passes, 2);
+    std::vector<Detection> faces;
+    ML::decode_detections(faces, 5, first.data(), 0.5f, 0, 0, 548.0f / 1280, 342.0f / 768);
+    EXPECT_EQ(faces.size(), 1u);
+    g_probe = nullptr;
 }
 
 }  // namespace

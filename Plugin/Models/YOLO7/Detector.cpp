@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "Plugin/CachedCompute.h"
 #include "Plugin/ImageTensorConverter.h"
 #include "Plugin/ModelCommon.h"
 #include "Plugin/PluginLogger.h"
@@ -35,6 +36,13 @@ void detectorPass(ImageTensorConverter& converter, DetectorTensors& t, BackendMo
     } else {
         std::memset(rows, 0, rowsBytes);
     }
+}
+
+Ptr<Buffer> cachedDetectionRows(Host* host, u64 call, u32 frame, const std::string& modelId, int keypoints,
+                                const std::function<void(void* rows, u64 bytes)>& pass) {
+    const std::string key = "nms_out_" + std::to_string(frame) + "_" + modelId;
+    return computeCached(host, call, key, detectionBufferBytes(keypoints),
+                         [&](Buffer& buffer) { pass(buffer.getData(), buffer.getSize()); });
 }
 
 Detector::Detector(std::shared_ptr<ModelContext> context, std::string detectorId)

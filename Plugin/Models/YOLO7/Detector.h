@@ -2,6 +2,7 @@
 // The object detector: a raw network and a suppression network run on one image at a fixed
 // execution size, leaving 256 rows of detections. The detection effect runs it once per frame
 // behind the host's cache; other effects find faces in one picture with run_detector.
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -34,6 +35,12 @@ struct DetectorTensors {
 // `rows` is zeroed.
 void detectorPass(ImageTensorConverter& converter, DetectorTensors& tensors, BackendModel& detector,
                   BackendModel& suppression, const Ptr<Image>& image, void* rows, u64 rowsBytes);
+
+// The rows of `frame` for the model `modelId` (K keypoints): the host's cached buffer under
+// "nms_out_<frame>_<modelId>", or a new one that `pass(rows, bytes)` fills. Any render of the
+// frame later reads the rows without running a network, as long as the host keeps them.
+Ptr<Buffer> cachedDetectionRows(Host* host, u64 call, u32 frame, const std::string& modelId, int keypoints,
+                                const std::function<void(void* rows, u64 bytes)>& pass);
 
 class Detector {
 public:
