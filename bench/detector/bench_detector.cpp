@@ -32,7 +32,9 @@ struct Setup {
     std::unique_ptr<ML::YOLO7::DetectorTensors> tensors;
 
     Setup() : folder(std::filesystem::temp_directory_path() / ("quillon_bench_detector_" + std::to_string(::getpid()))) {
-        qpkg::writeDefaultPackage(folder, false);
+        qpkg::PackageOptions options;
+        options.networks = qpkg::defaultNetworksFolder();
+        qpkg::writeDefaultPackage(folder, options);
         context = std::make_shared<ML::ModelContext>("ort_cpu", 0, folder / "config", folder / "models");
         common = std::make_shared<ML::ModelCommon>(context);
         const QMedia::Frame photo = QMedia::readImage(std::filesystem::path(QUILLON_SOURCE_DIR) / ".deps/media/messi5.jpg");
@@ -99,7 +101,6 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     // The log of every run_detector call (its fixed-threshold warning) is not wanted here.
-    std::freopen("/dev/null", "a", stderr);
     Setup setup;
     g_setup = &setup;
     BestReporter reporter;
