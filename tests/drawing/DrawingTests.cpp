@@ -147,11 +147,14 @@ struct OvalCase {
     double meanError;
     double maxError;          // per pixel, away from outline crossings
     double crossingMaxError;  // per pixel where two outlines cross
+    double areaShare = 0.01;  // allowed error of the whole drawn area, as a share of the true one
 };
 
 // The coverage follows the radial distance |p - centre| - r(direction), which departs from the
 // true distance as an oval gets more elongated: the bounds widen for the elongated ovals, most at
-// their pointed ends. The small view cut by its border has hardly any inner pixels to average.
+// their pointed ends. Corner distances cannot see an outline bulging between two corners, which
+// costs most on ovals of a radius near one pixel. The small view cut by its border has hardly any
+// inner pixels to average.
 const std::vector<OvalCase>& ovalCases() {
     static const std::vector<OvalCase> cases = {
         {"axis aligned", {0, 0, 24, 20}, {{11.3f, 9.7f, 7.4f, 5.2f, 0.0f}}, 0.01, 0.08, 0.0},
@@ -164,6 +167,8 @@ const std::vector<OvalCase>& ovalCases() {
          0.08, 0.2},
         {"partly outside", {0, 0, 16, 14}, {{2.5f, 12.0f, 6.2f, 4.1f, 0.5f}, {15.0f, 1.0f, 3.3f, 5.5f, 0.0f}}, 0.01,
          0.08, 0.0},
+        {"radius about 1", {0, 0, 16, 10}, {{5.1f, 5.5f, 1.35f, 0.9f, 0.0f}, {11.9f, 4.5f, 1.35f, 0.7f, 0.0f}}, 0.08,
+         0.35, 0.0, 0.25},
         {"view with origin", {37, -12, 61, 9}, {{48.4f, -2.3f, 8.2f, 5.6f, 0.9f}}, 0.01, 0.08, 0.0},
         {"origin and partly outside", {100, 200, 116, 212}, {{99.0f, 205.5f, 5.0f, 3.0f, 0.25f}}, 0.015, 0.08, 0.0},
     };
@@ -192,7 +197,7 @@ TEST(FillOvals, CoverageMatchesSampledArea) {
             EXPECT_LT(e.mean, c.meanError);
             EXPECT_LT(e.max, c.maxError);
             EXPECT_LE(e.featureMax, c.crossingMaxError);
-            EXPECT_NEAR(e.drawnArea, e.trueArea, 0.01 * e.trueArea + 0.5);
+            EXPECT_NEAR(e.drawnArea, e.trueArea, c.areaShare * e.trueArea + 0.5);
             if (type == ML::F32) {
                 std::printf("[ coverage ] oval %-26s mean %.5f max %.5f (%d pixels), crossings max %.5f (%d), "
                             "area %.2f of %.2f\n",
@@ -386,19 +391,20 @@ TEST(FillPolygons, PolygonsOutsideOrWithoutAreaDrawNothing) {
         EXPECT_TRUE(ML::polygonCoverage({xy, {static_cast<ML::i32>(xy.size() / 2)}}, 12, 10).empty());
 }
 
-// The whole outline lies inside one row band: the rest of the row stays empty, and the pixel
-// holding most of the triangle shows it.
+// The whole outline of the triangle lies inside one row band; a square further right keeps the
+// sweep going along that row. Between the two the row stays empty.
 TEST(FillPolygons, SmallTriangleInsideOneRowLeavesTheRestOfTheRowEmpty) {
-    const std::vector<float> xy = {4.2f, 5.1f, 6.8f, 5.3f, 5.1f, 5.9f};
+    const std::vector<float> xy = {4.2f, 5.1f, 6.8f, 5.3f, 5.1f, 5.9f, 10.0f, 3.0f, 14.0f, 3.0f, 14.0f, 8.0f, 10.0f, 8.0f};
     auto image = maskImage({0, 0, 16, 10}, ML::F32);
-    ML::fillPolygons(image, {xy, {3}});
+    ML::fillPolygons(image, {xy, {3, 4}});
     for (int y = 0; y < 10; ++y)
-        for (int x = 0; x < 16; ++x) {
+        for (int x = 0; x < 10; ++x) {
             if (y == 5 && x >= 4 && x <= 6) continue;
             EXPECT_EQ(coverageAt(*image, x, y), 0.0f) << x << "," << y;
         }
     EXPECT_GT(coverageAt(*image, 5, 5), 0.2f);
     EXPECT_LT(coverageAt(*image, 5, 5), 0.6f);
+    EXPECT_EQ(coverageAt(*image, 12, 5), 1.0f);
 }
 
 // ---- Prompt marks ----
