@@ -17,6 +17,7 @@
 
 #include "OnnxBuilder.h"
 #include "Plugin/ModelContext.h"
+#include "bench/util/BestTimes.h"
 
 namespace {
 
@@ -97,23 +98,6 @@ void BM_DirectOrtRun(benchmark::State& state) {
 }
 BENCHMARK(BM_DirectOrtRun)->Unit(benchmark::kMicrosecond);
 
-// The console table, plus the best time per iteration of each benchmark.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            // Single runs, or the medians when only aggregates are reported.
-            const bool usable = run.run_type == Run::RT_Iteration || run.aggregate_name == "median";
-            if (!usable || run.error_occurred) continue;
-            const std::string name = run.run_name.function_name;
-            auto [it, added] = best.emplace(name, std::numeric_limits<double>::max());
-            it->second = std::min(it->second, run.GetAdjustedRealTime());
-        }
-    }
-    std::map<std::string, double> best;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -121,15 +105,15 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     Setup setup;
     g_setup = &setup;
-    RatioReporter reporter;
+    benchutil::BestTimes reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     g_setup = nullptr;
 
-    const auto bridged = reporter.best.find("BM_BackendModelRun");
-    const auto direct = reporter.best.find("BM_DirectOrtRun");
-    if (bridged != reporter.best.end() && direct != reporter.best.end() && direct->second > 0) {
+    const double bridged = reporter.best("BM_BackendModelRun");
+    const double direct = reporter.best("BM_DirectOrtRun");
+    if (bridged >= 0 && direct > 0) {
         std::printf("BackendModel::run / direct ONNX Runtime run: %.3f (%+.3f us per call)\n",
-                    bridged->second / direct->second, bridged->second - direct->second);
+                    bridged / direct, bridged - direct);
     }
     benchmark::Shutdown();
     return 0;

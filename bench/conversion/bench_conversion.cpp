@@ -17,6 +17,7 @@
 #include "Host/OwnedImage.h"
 #include "Package.h"
 #include "Plugin/ImageTensorConverter.h"
+#include "bench/util/BestTimes.h"
 
 namespace {
 
@@ -84,21 +85,6 @@ void BM_MemcpyRoundTrip(benchmark::State& state) {
 }
 BENCHMARK(BM_MemcpyRoundTrip)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-// The console table, plus the best time per iteration of each benchmark.
-class RatioReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            const bool usable = run.run_type == Run::RT_Iteration || run.aggregate_name == "median";
-            if (!usable || run.error_occurred) continue;
-            auto [it, added] = best.emplace(run.run_name.function_name, std::numeric_limits<double>::max());
-            it->second = std::min(it->second, run.GetAdjustedRealTime());
-        }
-    }
-    std::map<std::string, double> best;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -106,15 +92,15 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
     Setup setup;
     g_setup = &setup;
-    RatioReporter reporter;
+    benchutil::BestTimes reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     g_setup = nullptr;
 
-    const auto converted = reporter.best.find("BM_ConverterRoundTrip");
-    const auto copied = reporter.best.find("BM_MemcpyRoundTrip");
-    if (converted != reporter.best.end() && copied != reporter.best.end() && copied->second > 0) {
+    const double converted = reporter.best("BM_ConverterRoundTrip");
+    const double copied = reporter.best("BM_MemcpyRoundTrip");
+    if (converted >= 0 && copied > 0) {
         std::printf("converter round trip / memcpy round trip: %.1f (%.3f ms vs %.3f ms)\n",
-                    converted->second / copied->second, converted->second, copied->second);
+                    converted / copied, converted, copied);
     }
     benchmark::Shutdown();
     return 0;

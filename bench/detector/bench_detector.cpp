@@ -18,6 +18,7 @@
 #include "Package.h"
 #include "Plugin/ModelCommon.h"
 #include "Plugin/Models/YOLO7/Detector.h"
+#include "bench/util/BestTimes.h"
 
 namespace {
 
@@ -82,35 +83,21 @@ void BM_NetworksAlone(benchmark::State& state) {
 }
 BENCHMARK(BM_NetworksAlone)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-class BestReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        ConsoleReporter::ReportRuns(runs);
-        for (const Run& run : runs) {
-            if (run.error_occurred || !(run.run_type == Run::RT_Iteration || run.aggregate_name == "median")) continue;
-            auto [it, added] = best.emplace(run.run_name.function_name, std::numeric_limits<double>::max());
-            it->second = std::min(it->second, run.GetAdjustedRealTime());
-        }
-    }
-    std::map<std::string, double> best;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    // The log of every run_detector call (its fixed-threshold warning) is not wanted here.
     Setup setup;
     g_setup = &setup;
-    BestReporter reporter;
+    benchutil::BestTimes reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     g_setup = nullptr;
-    const auto call = reporter.best.find("BM_RunDetector");
-    const auto bare = reporter.best.find("BM_NetworksAlone");
-    if (call != reporter.best.end() && bare != reporter.best.end() && bare->second > 0)
+    const double call = reporter.best("BM_RunDetector");
+    const double bare = reporter.best("BM_NetworksAlone");
+    if (call >= 0 && bare > 0)
         std::printf("run_detector: %.2f ms per call; the two networks alone %.2f ms; plug-in share %.1f%%\n",
-                    call->second, bare->second, 100.0 * (call->second - bare->second) / call->second);
+                    call, bare, 100.0 * (call - bare) / call);
     benchmark::Shutdown();
     return 0;
 }

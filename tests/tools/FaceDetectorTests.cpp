@@ -17,6 +17,7 @@
 #include "Import/TfjsModel.h"
 #include "PackageFiles.h"
 #include "ToolTestUtil.h"
+#include "util/PlanarResize.h"
 
 namespace tf = qpkg::tfjs;
 using namespace tooltest;
@@ -42,21 +43,7 @@ struct Face {
 struct FaceDetectorInput {
     // The frame stretched to 1280x768 (bilinear, pixel centres), as the plug-in feeds it.
     static Tensor stretched(const QMedia::Frame& f) {
-        std::vector<float> v(static_cast<size_t>(3 * kH * kW));
-        for (int64_t y = 0; y < kH; ++y)
-            for (int64_t x = 0; x < kW; ++x) {
-                const float sx = std::clamp((x + 0.5f) * f.width() / kW - 0.5f, 0.0f, f.width() - 1.0f);
-                const float sy = std::clamp((y + 0.5f) * f.height() / kH - 0.5f, 0.0f, f.height() - 1.0f);
-                const int x0 = int(sx), y0 = int(sy), x1 = std::min(x0 + 1, f.width() - 1),
-                          y1 = std::min(y0 + 1, f.height() - 1);
-                const float ax = sx - x0, ay = sy - y0;
-                for (int c = 0; c < 3; ++c) {
-                    const int cc = std::min(c, f.channels() - 1);
-                    const float top = f.sample(x0, y0, cc) * (1 - ax) + f.sample(x1, y0, cc) * ax;
-                    const float bottom = f.sample(x0, y1, cc) * (1 - ax) + f.sample(x1, y1, cc) * ax;
-                    v[static_cast<size_t>((c * kH + y) * kW + x)] = top * (1 - ay) + bottom * ay;
-                }
-            }
+        std::vector<float> v = testutil::planarResized(f, kH, kW);
         return makeTensor(ML::F16, {1, 3, kH, kW}, std::move(v));
     }
 

@@ -14,6 +14,7 @@
 
 #include "Host/Media/ImageReader.h"
 #include "ToolTestUtil.h"
+#include "util/PlanarResize.h"
 
 using namespace tooltest;
 
@@ -92,21 +93,7 @@ double meanEpe(const Tensor& f, const std::function<std::pair<float, float>(floa
 // A picture file as 1x3xkHxkW RGB in 0..1, resized with bilinear interpolation (pixel centres).
 Tensor readResized(const std::string& file) {
     const QMedia::Frame f = QMedia::readImage(fs::path(QUILLON_SOURCE_DIR) / ".deps" / "media" / file);
-    std::vector<float> v(static_cast<size_t>(3 * kH * kW));
-    for (int64_t y = 0; y < kH; ++y)
-        for (int64_t x = 0; x < kW; ++x) {
-            const float sx = std::clamp((x + 0.5f) * f.width() / kW - 0.5f, 0.0f, f.width() - 1.0f);
-            const float sy = std::clamp((y + 0.5f) * f.height() / kH - 0.5f, 0.0f, f.height() - 1.0f);
-            const int x0 = int(sx), y0 = int(sy), x1 = std::min(x0 + 1, f.width() - 1),
-                      y1 = std::min(y0 + 1, f.height() - 1);
-            const float ax = sx - x0, ay = sy - y0;
-            for (int c = 0; c < 3; ++c) {
-                const int cc = std::min(c, f.channels() - 1);
-                const float top = f.sample(x0, y0, cc) * (1 - ax) + f.sample(x1, y0, cc) * ax;
-                const float bottom = f.sample(x0, y1, cc) * (1 - ax) + f.sample(x1, y1, cc) * ax;
-                v[static_cast<size_t>((c * kH + y) * kW + x)] = top * (1 - ay) + bottom * ay;
-            }
-        }
+    std::vector<float> v = testutil::planarResized(f, kH, kW);
     return rgb(kH, kW, std::move(v));
 }
 
