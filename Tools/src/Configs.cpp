@@ -4,6 +4,7 @@
 
 #include "FlowStandIns.h"
 #include "PackageFiles.h"
+#include "PlateDetector.h"
 #include "StandIns.h"
 
 namespace qpkg {
@@ -94,6 +95,24 @@ TargetConfig retimeStandIn() {
     return c;
 }
 
+// The classical plate detector: bright plate-shaped rectangles on execution tiles of
+// kPlateInputH x kPlateInputW.
+TargetConfig plateStandIn() {
+    TargetConfig c;
+    c.target = 8;
+    c.file = "lp_detection_config.json";
+    c.modelType = "y7";
+    c.modelId = kPlateStandInId;
+    c.displayName = "Licence plate stand-in (classical, synthetic plates)";
+    c.description = "Classical stand-in network, no trained weights: finds bright, plate-shaped rectangles "
+                    "(near-white, 1.5 to 8 times as wide as tall, mostly filled) on darker backgrounds, as the "
+                    "synthetic plates of tests and demonstrations; not a detector of real plates.";
+    c.execH = static_cast<int>(kPlateInputH);
+    c.execW = static_cast<int>(kPlateInputW);
+    c.params["object_type"] = "lp";
+    return c;
+}
+
 }  // namespace
 
 const std::vector<TargetConfig>& targetConfigs() {
@@ -112,7 +131,7 @@ const std::vector<TargetConfig>& targetConfigs() {
             standIn(4, "mask_propagation_config.json", "qt", "mask_propagation"),
             retimeStandIn(),
             standIn(6, "face_detection_config.json", "y7", "face_detection"),
-            standIn(8, "lp_detection_config.json", "y7", "lp_detection"),
+            plateStandIn(),
             standIn(7, "interactive_segmentation_config.json", "sam", "interactive_segmentation"),
             standIn(9, "depth_config.json", "da2", "depth"),
             standIn(10, "matting_config.json", "tgn", "matting"),

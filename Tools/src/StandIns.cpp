@@ -4,6 +4,7 @@
 
 #include "DenoiserStandIn.h"
 #include "FlowStandIns.h"
+#include "PlateDetector.h"
 #include "GraphBuilder.h"
 #include "PackageFiles.h"
 
@@ -105,6 +106,7 @@ std::vector<std::string> standInModelIds() {
                                  up + "_enhance"};
     for (const std::string& id : denoiserStandInModelIds()) ids.push_back(id);
     for (const std::string& id : flowStandInModelIds()) ids.push_back(id);
+    for (const std::string& id : plateStandInModelIds()) ids.push_back(id);
     return ids;
 }
 
@@ -118,6 +120,7 @@ void writeStandIns(const std::filesystem::path& modelFolder) {
     writeModel(buildUpresEnhanceStandIn(), modelFolder / (up + "_enhance.onnx"));
     writeDenoiserStandIn(modelFolder);
     writeFlowStandIns(modelFolder);
+    writePlateStandIn(modelFolder);
 }
 
 }  // namespace qpkg

@@ -21,6 +21,7 @@
 // Denoising ("denoiser_standin_stage1", "_stage2"): see DenoiserStandIn.h.
 // Optical flow and retiming ("optical_flow_standin", "flow_viz-288x512", "flow_max",
 // "retiming_standin"): see FlowStandIns.h.
+// Licence-plate detection ("lp_detection_standin_detector", "_nms"): see PlateDetector.h.
 #include <filesystem>
 #include <string>
 #include <vector>

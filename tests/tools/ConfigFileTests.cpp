@@ -40,6 +40,15 @@ TEST(ConfigFiles, SixteenFilesOfWellFormedModels) {
             for (const char* suffix : {"_stage1.onnx", "_stage2.onnx"})
                 EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
         }
+        // The plate detector: its two networks, the execution size they are made for.
+        if (file == "lp_detection_config.json") {
+            EXPECT_EQ(m["modelType"], "y7");
+            EXPECT_EQ(m["modelId"], "lp_detection_standin");
+            EXPECT_EQ(m["params"], nlohmann::json::parse(
+                                       R"({"object_type":"lp","availableTileSizes":[{"execH":384,"execW":640}]})"));
+            for (const char* suffix : {"_detector.onnx", "_nms.onnx"})
+                EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
+        }
         // Optical flow and retiming name their stand-in networks, with their tiles; retiming's
         // flow pass names the flow network and the largest-value network.
         if (file == "optical_flow_config.json") {

@@ -420,6 +420,8 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
                                                          {"esrgan_medium_enhance", "imported"},
                                                          {"flow_max", "stand-in"},
                                                          {"flow_viz-288x512", "stand-in"},
+                                                         {"lp_detection_standin_detector", "stand-in"},
+                                                         {"lp_detection_standin_nms", "stand-in"},
                                                          {"optical_flow_standin", "stand-in"},
                                                          {"retiming_standin", "stand-in"},
                                                          {"upres_standin_2x", "stand-in"},
@@ -444,7 +446,7 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out.rfind("Real networks skipped: " + (dir / "elsewhere").string() + " does not exist", 0), 0u)
         << r.out;
-    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 11u);  // the stand-ins
+    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 13u);  // the stand-ins
 }
 
 TEST(RealNetworks, ImportCommandWritesAFileOrNothing) {

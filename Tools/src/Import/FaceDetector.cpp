@@ -131,17 +131,17 @@ onnx::ModelProto importFaceDetector(const Model& model, const std::string& name,
     }
 }
 
-onnx::ModelProto faceNmsNetwork(const std::string& name) {
+onnx::ModelProto detectorNmsNetwork(const std::string& name, int64_t rows, int64_t columns, int64_t keep, float iou,
+                                    float minScore) {
     GraphBuilder g(name);
-    const std::string raw =
-        g.input("raw", ML::F32, {Dim::fixed(1), Dim::fixed(kFaceRows), Dim::fixed(kFaceColumns)});
+    const std::string raw = g.input("raw", ML::F32, {Dim::fixed(1), Dim::fixed(rows), Dim::fixed(columns)});
     // Corners in x, y order: NonMaxSuppression takes either diagonal pair, and IoU does not care
     // which axis comes first.
     const std::string boxes = slice(g, raw, 0, 4, 2);                                               // [1, N, 4]
     const std::string scores = g.op("Transpose", {slice(g, raw, 4, 5, 2)}, {attrInts("perm", {0, 2, 1})});  // [1, 1, N]
-    const std::string selected =
-        g.op("NonMaxSuppression", {boxes, scores, g.constI64({kFaceNmsRows}, {1}), g.constF32({kFaceIouThreshold}, {1}),
-                                   g.constF32({kFaceScoreThreshold}, {1})});  // [K, 3]: batch, class, box
+    const std::string selected = g.op("NonMaxSuppression", {boxes, scores, g.constI64({keep}, {1}),
+                                                            g.constF32({iou}, {1}), g.constF32({minScore}, {1})});
+    // selected: [K, 3], batch, class, box.
     const std::string index = g.op("Gather", {selected, g.constI64({2}, {})}, {attrInt("axis", 1)});  // [K]
     std::string kept = g.op("Gather", {g.op("Squeeze", {raw, g.constI64({0}, {1})}), index}, {attrInt("axis", 0)});
     // Best first, whatever order the runtime selected them in.
@@ -150,12 +150,15 @@ onnx::ModelProto faceNmsNetwork(const std::string& name) {
         g.ops("TopK", {g.op("Gather", {kept, g.constI64({4}, {})}, {attrInt("axis", 1)}), k}, 2,
               {attrInt("axis", 0), attrInt("largest", 1), attrInt("sorted", 1)})[1];
     kept = g.op("Gather", {kept, order}, {attrInt("axis", 0)});
-    const std::string pads = g.op(
-        "Concat",
-        {g.constI64({0, 0}, {2}), g.op("Sub", {g.constI64({kFaceNmsRows}, {1}), k}), g.constI64({0}, {1})},
-        {attrInt("axis", 0)});
-    g.output(g.op("Pad", {kept, pads}), "nms", ML::F32, {Dim::fixed(kFaceNmsRows), Dim::fixed(kFaceColumns)});
+    const std::string pads =
+        g.op("Concat", {g.constI64({0, 0}, {2}), g.op("Sub", {g.constI64({keep}, {1}), k}), g.constI64({0}, {1})},
+             {attrInt("axis", 0)});
+    g.output(g.op("Pad", {kept, pads}), "nms", ML::F32, {Dim::fixed(keep), Dim::fixed(columns)});
     return g.build();
+}
+
+onnx::ModelProto faceNmsNetwork(const std::string& name) {
+    return detectorNmsNetwork(name, kFaceRows, kFaceColumns, kFaceNmsRows, kFaceIouThreshold, kFaceScoreThreshold);
 }
 
 }  // namespace qpkg::tfjs

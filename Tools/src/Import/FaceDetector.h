@@ -46,4 +46,10 @@ onnx::ModelProto importFaceDetector(const Model& model, const std::string& name,
 // The NMS network (independent of the detector's network).
 onnx::ModelProto faceNmsNetwork(const std::string& name);
 
+// The NMS network of any detector family with rows of the same layout: "raw" F32 1 x rows x
+// columns -> "nms" F32 keep x columns, the rows kept by NonMaxSuppression (IoU above iou
+// suppressed, score above minScore), best score first, zero rows after them.
+onnx::ModelProto detectorNmsNetwork(const std::string& name, int64_t rows, int64_t columns, int64_t keep, float iou,
+                                    float minScore);
+
 }  // namespace qpkg::tfjs
