@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "DenoiserStandIn.h"
 #include "FlowStandIns.h"
 #include "PackageFiles.h"
 #include "PlateDetector.h"
@@ -11,31 +12,42 @@ namespace qpkg {
 
 namespace {
 
-TargetConfig standIn(int target, const char* file, const char* modelType, const char* family) {
+// One model of a target's configuration file, with one execution size.
+TargetConfig entry(int target, const char* file, const char* modelType, std::string id, std::string name,
+                   std::string description, int execH, int execW) {
     TargetConfig c;
     c.target = target;
     c.file = file;
     c.modelType = modelType;
-    c.modelId = std::string(family) + "_standin";
-    c.displayName = std::string("Stand-in (") + modelType + ")";
-    c.description = "Stand-in model of the default package, for tests and demonstrations.";
-    c.execH = 256;
-    c.execW = 256;
+    c.modelId = std::move(id);
+    c.displayName = std::move(name);
+    c.description = std::move(description);
+    c.execH = execH;
+    c.execW = execW;
     return c;
+}
+
+// A generic stand-in "<family>_standin" for a target whose network is not built yet.
+TargetConfig standIn(int target, const char* file, const char* modelType, const char* family) {
+    return entry(target, file, modelType, std::string(family) + "_standin", std::string("Stand-in (") + modelType + ")",
+                 "Stand-in model of the default package, for tests and demonstrations.", 256, 256);
+}
+
+TargetConfig denoiserStandIn() {
+    return entry(1, "denoiser_config.json", "fdvd", kDenoiserStandInId, "Denoiser stand-in (temporal averaging)",
+                 "Classical stand-in network, no trained weights: a light blur, then each frame averaged with its "
+                 "neighbours, weighted by how closely they match it (motion and noise adaptive), in two stages over "
+                 "five frames.",
+                 256, 256);
 }
 
 // An upscaler running imported ESRGAN networks "<id>_2x" and "<id>_4x": input tiles of 128,
 // overlap 8 input pixels (in output pixels, a multiple of each scale).
 TargetConfig esrganUpscaler(const std::string& id, const std::string& name, const std::string& source) {
-    TargetConfig c;
-    c.target = 2;
-    c.file = "upres_config.json";
-    c.modelType = "plksr";
-    c.modelId = id;
-    c.displayName = name;
-    c.description = "Trained super-resolution network from " + source +
-                    " at x2 and x4; other factors resampled from the next larger scale.";
-    c.execH = c.execW = 128;
+    TargetConfig c = entry(2, "upres_config.json", "plksr", id, name,
+                           "Trained super-resolution network from " + source +
+                               " at x2 and x4; other factors resampled from the next larger scale.",
+                           128, 128);
     c.params["scales"] = nlohmann::json::array({{{"scale", 2}, {"tile_size", 128}, {"padding", 16}},
                                                 {{"scale", 4}, {"tile_size", 128}, {"padding", 32}}});
     return c;
@@ -51,45 +63,29 @@ TargetConfig upresStandIn() {
 
 // A same-size enhancement network of the upscaling target, tiles of 256.
 TargetConfig enhancer(const std::string& id, const std::string& name, const std::string& description) {
-    TargetConfig c;
-    c.target = 2;
-    c.file = "upres_config.json";
-    c.modelType = "esrgan";
-    c.modelId = id;
-    c.displayName = name;
-    c.description = description;
-    c.execH = c.execW = 256;
-    return c;
+    return entry(2, "upres_config.json", "esrgan", id, name, description, 256, 256);
 }
 
 // Classical optical flow, tiles of kFlowTileH x kFlowTileW.
 TargetConfig flowStandIn() {
-    TargetConfig c;
-    c.target = 3;
-    c.file = "optical_flow_config.json";
-    c.modelType = "raft";
-    c.modelId = kFlowStandInId;
-    c.displayName = "Optical flow stand-in (classical pyramidal Lucas-Kanade)";
-    c.description = "Classical stand-in network, no trained weights: coarse-to-fine Lucas-Kanade on luminance over "
-                    "five pyramid levels, warping by the current flow at each step, the flow median-filtered at each level.";
-    c.execH = static_cast<int>(kFlowTileH);
-    c.execW = static_cast<int>(kFlowTileW);
+    TargetConfig c = entry(3, "optical_flow_config.json", "raft", kFlowStandInId,
+                           "Optical flow stand-in (classical pyramidal Lucas-Kanade)",
+                           "Classical stand-in network, no trained weights: coarse-to-fine Lucas-Kanade on luminance "
+                           "over five pyramid levels, warping by the current flow at each step, the flow "
+                           "median-filtered at each level.",
+                           static_cast<int>(kFlowTileH), static_cast<int>(kFlowTileW));
     c.params["archId"] = "pyramidal_lk";
     return c;
 }
 
 // Flow-based frame interpolation on square tiles; the host's flow pass uses the flow stand-in.
 TargetConfig retimeStandIn() {
-    TargetConfig c;
-    c.target = 5;
-    c.file = "retiming_config.json";
-    c.modelType = "rife";
-    c.modelId = kRetimeStandInId;
-    c.displayName = "Retiming stand-in (classical flow interpolation)";
-    c.description = "Classical stand-in network, no trained weights: flow both ways by pyramidal Lucas-Kanade, both "
-                    "frames warped towards the in-between time and blended, weighted by forward-backward "
-                    "consistency so that occluded pixels come from the frame that shows them.";
-    c.execH = c.execW = static_cast<int>(kRetimeTile);
+    TargetConfig c = entry(5, "retiming_config.json", "rife", kRetimeStandInId,
+                           "Retiming stand-in (classical flow interpolation)",
+                           "Classical stand-in network, no trained weights: flow both ways by pyramidal Lucas-Kanade, "
+                           "both frames warped towards the in-between time and blended, weighted by forward-backward "
+                           "consistency so that occluded pixels come from the frame that shows them.",
+                           static_cast<int>(kRetimeTile), static_cast<int>(kRetimeTile));
     c.params["flowEst"] = {{"execH", kFlowTileH}, {"execW", kFlowTileW}, {"modelId", kFlowStandInId},
                            {"maxModelId", kFlowMaxId}};
     return c;
@@ -98,19 +94,20 @@ TargetConfig retimeStandIn() {
 // The classical plate detector: bright plate-shaped rectangles on execution tiles of
 // kPlateInputH x kPlateInputW.
 TargetConfig plateStandIn() {
-    TargetConfig c;
-    c.target = 8;
-    c.file = "lp_detection_config.json";
-    c.modelType = "y7";
-    c.modelId = kPlateStandInId;
-    c.displayName = "Licence plate stand-in (classical, synthetic plates)";
-    c.description = "Classical stand-in network, no trained weights: finds bright, plate-shaped rectangles "
-                    "(near-white, 1.5 to 8 times as wide as tall, mostly filled) on darker backgrounds, as the "
-                    "synthetic plates of tests and demonstrations; not a detector of real plates.";
-    c.execH = static_cast<int>(kPlateInputH);
-    c.execW = static_cast<int>(kPlateInputW);
+    TargetConfig c = entry(8, "lp_detection_config.json", "y7", kPlateStandInId,
+                           "Licence plate stand-in (classical, synthetic plates)",
+                           "Classical stand-in network, no trained weights: finds bright, plate-shaped rectangles "
+                           "(near-white, 1.5 to 8 times as wide as tall, mostly filled) on darker backgrounds, as the "
+                           "synthetic plates of tests and demonstrations; not a detector of real plates.",
+                           static_cast<int>(kPlateInputH), static_cast<int>(kPlateInputW));
     c.params["object_type"] = "lp";
     return c;
+}
+
+TargetConfig depthStandIn() {
+    return entry(9, "depth_config.json", "da2", kDepthStandInId, "Depth stand-in",
+                 "Depth from luminance (1 - Rec. 709 luma) with a jet colour ramp; a stand-in network.",
+                 kDepthStandInTile, kDepthStandInTile);
 }
 
 }  // namespace
@@ -118,7 +115,7 @@ TargetConfig plateStandIn() {
 const std::vector<TargetConfig>& targetConfigs() {
     static const std::vector<TargetConfig> configs = [] {
         std::vector<TargetConfig> v{
-            standIn(1, "denoiser_config.json", "fdvd", "denoiser"),
+            denoiserStandIn(),
             esrganUpscaler("esrgan_medium", "ESRGAN medium (x2, x4)", "@upscalerjs/esrgan-medium"),
             esrganUpscaler("esrgan_thick", "ESRGAN thick (x2, x4)", "@upscalerjs/esrgan-thick"),
             enhancer("esrgan_medium_enhance", "ESRGAN medium enhance (x1)",
@@ -133,7 +130,7 @@ const std::vector<TargetConfig>& targetConfigs() {
             standIn(6, "face_detection_config.json", "y7", "face_detection"),
             plateStandIn(),
             standIn(7, "interactive_segmentation_config.json", "sam", "interactive_segmentation"),
-            standIn(9, "depth_config.json", "da2", "depth"),
+            depthStandIn(),
             standIn(10, "matting_config.json", "tgn", "matting"),
             standIn(11, "pose_estimation_config.json", "rtmo", "pose_estimation"),
             standIn(13, "point_tracking_config.json", "cotracker", "point_tracking"),
@@ -142,20 +139,6 @@ const std::vector<TargetConfig>& targetConfigs() {
             standIn(15, "3d_heads_config.json", "3d_heads", "3d_heads"),
             standIn(16, "deinterlace_config.json", "de", "deinterlace"),
         };
-        for (TargetConfig& c : v) {
-            if (c.target == 1) {
-                c.displayName = "Denoiser stand-in (temporal averaging)";
-                c.description = "Classical stand-in network, no trained weights: a light blur, then each frame "
-                                "averaged with its neighbours, weighted by how closely they match it (motion and "
-                                "noise adaptive), in two stages over five frames.";
-            }
-            if (c.target != 9) continue;
-            c.modelId = kDepthStandInId;
-            c.displayName = "Depth stand-in";
-            c.description = "Depth from luminance (1 - Rec. 709 luma) with a jet colour ramp; a stand-in network.";
-            c.execH = kDepthStandInTile;
-            c.execW = kDepthStandInTile;
-        }
         return v;
     }();
     return configs;
