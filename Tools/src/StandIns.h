@@ -22,6 +22,8 @@
 // Optical flow and retiming ("optical_flow_standin", "flow_viz-288x512", "flow_max",
 // "retiming_standin"): see FlowStandIns.h.
 // Licence-plate detection ("lp_detection_standin_detector", "_nms"): see PlateDetector.h.
+// Face masks ("mask_blur", "face_parsing_standin", imgcvt/logits_to_masks_aa_*): see
+// FaceMaskNetworks.h.
 #include <filesystem>
 #include <string>
 #include <vector>

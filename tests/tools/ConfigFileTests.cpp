@@ -45,9 +45,21 @@ TEST(ConfigFiles, SixteenFilesOfWellFormedModels) {
             EXPECT_EQ(m["modelType"], "y7");
             EXPECT_EQ(m["modelId"], "lp_detection_standin");
             EXPECT_EQ(m["params"], nlohmann::json::parse(
-                                       R"({"object_type":"lp","availableTileSizes":[{"execH":384,"execW":640}]})"));
+                                       R"({"object_type":"lp","padding":64,"availableTileSizes":[{"execH":384,"execW":640}]})"));
             for (const char* suffix : {"_detector.onnx", "_nms.onnx"})
                 EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
+        }
+        // Faces: the imported detector pair, the blur and the face-parsing networks it names.
+        if (file == "face_detection_config.json") {
+            EXPECT_EQ(m["modelType"], "y7");
+            EXPECT_EQ(m["params"]["object_type"], "face");
+            EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":768,"execW":1280}])"));
+            const nlohmann::json& seg = m["params"].at("faceseg_config");
+            EXPECT_EQ(seg.at("classes"), nlohmann::json::parse(R"(["skin"])"));
+            for (const std::string name : {m["modelId"].get<std::string>() + "_detector",
+                                           m["modelId"].get<std::string>() + "_nms", std::string("mask_blur"),
+                                           seg["modelId"].get<std::string>(), std::string("imgcvt/logits_to_masks_aa_F16")})
+                EXPECT_TRUE(fs::exists(packageModelFolder() / (name + ".onnx"))) << name;
         }
         // Optical flow and retiming name their stand-in networks, with their tiles; retiming's
         // flow pass names the flow network and the largest-value network.
