@@ -24,13 +24,16 @@ ML::u32 outputLayout(ML::u32 format) { return format == ML::ImageImp::R ? ML::Im
 ML::u32 outputFormat(int target, int id, const QHost::OwnedImage& input) {
     if (target == TARGET_DEPTH) return id == 0 ? ML::ImageImp::R : ML::ImageImp::RGB;
     if (target == TARGET_OPTICAL_FLOW) return id == 0 ? ML::ImageImp::RG : ML::ImageImp::RGB;
+    if (isDetectionTarget(target) && id == 0) return ML::ImageImp::R;  // the objects' mask
     return input.getChannelFormat();
 }
 
-// The denoiser and retiming hand back the input's own pixels, tile by tile, so their output is of
-// the input's type; other effects write floats.
-ML::u32 outputType(int target, const QHost::OwnedImage& input) {
-    return target == TARGET_DENOISE || target == TARGET_RETIMING ? input.getDataType() : ML::F32;
+// The denoiser, retiming and the detection effects' blurred picture hand back the input's own
+// pixels, tile by tile, so those outputs are of the input's type; other outputs are floats.
+ML::u32 outputType(int target, int id, const QHost::OwnedImage& input) {
+    const bool copiesInput =
+        target == TARGET_DENOISE || target == TARGET_RETIMING || (isDetectionTarget(target) && id == 1);
+    return copiesInput ? input.getDataType() : ML::F32;
 }
 
 bool isJsonPath(const std::filesystem::path& path) { return path.extension() == ".json"; }
@@ -99,16 +102,27 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, co
     }
     const auto input = toHostImage(inputFrame, inRect);
     const ML::u32 format0 = outputFormat(request_.target, 0, *input);
-    auto output = makeOutputImage(outRect, format0, outputType(request_.target, *input), outputLayout(format0));
+    auto output = makeOutputImage(outRect, format0, outputType(request_.target, 0, *input), outputLayout(format0));
     settings->setInputImage(frameNumber, input);
     // Frame numbers are the plug-in's unsigned ones: frame -1 is 2^32 - 1 there.
     for (const auto& [number, picture] : neighbours)
         settings->setInputImage(static_cast<ML::u32>(number), toHostImage(picture, inRect));
+    if (request_.sourceFrame) {
+        const auto read = request_.sourceFrame;
+        settings->setInputImageProvider([read, inRect](ML::u32 number, ML::ResourceId id, const ML::Rect*) {
+            if (id.id != 0) return ML::Ptr<ML::Image>();
+            return ML::Ptr<ML::Image>(toHostImage(read(static_cast<std::int32_t>(number)), inRect));
+        });
+    }
     settings->setOutputImage(frameNumber, output, {0, -1});
+    // Only the buffers asked for exist: effects skip the work of outputs nobody reads.
+    settings->setCreateOutputBuffers(false);
+    for (const BufferOutput& b : request_.buffers)
+        settings->setOutputBuffer(frameNumber, ML::Ptr<ML::Buffer>(new ML::BufferImp()), {b.id, b.index});
     ML::Ptr<QHost::OwnedImage> output1;
     if (request_.wantOutput1) {
         const ML::u32 format1 = outputFormat(request_.target, 1, *input);
-        output1 = makeOutputImage(outRect, format1, ML::F32, outputLayout(format1));
+        output1 = makeOutputImage(outRect, format1, outputType(request_.target, 1, *input), outputLayout(format1));
         settings->setOutputImage(frameNumber, output1, {1, -1});
     }
 

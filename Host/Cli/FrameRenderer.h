@@ -3,6 +3,7 @@
 // mode 4 (render) with the same settings, and the outputs taken back as frames.
 // render() may run on several threads at once.
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -27,6 +28,9 @@ struct RenderRequest {
     float outputScale = 1.0f;
     int originX = 0, originY = 0;
     std::vector<BufferOutput> buffers;
+    // Any source frame by number (frames past the clip's ends repeat its first or last), for
+    // effects that may ask for frames beyond those handed over; thread-safe. Empty: none.
+    std::function<QMedia::Frame(int)> sourceFrame;
 };
 
 using NeighbourFrames = std::map<int, QMedia::Frame>;

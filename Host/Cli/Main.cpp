@@ -63,6 +63,18 @@ Render options:
   --speed S                  retiming: each output frame moves on by S source frames (0.5: twice as
                              slow); the source position goes to the effect as float parameter 400
   --fps F                    retiming: output frame rate F for a video input (frame-rate conversion)
+  face-detection and plate-detection (output 0: the objects' mask; --output1: the picture with
+  the objects blurred away):
+  --json PATH                the objects as JSON (buffer 234): PATH with a frame number gives a
+                             file a frame, else one file for the clip, an array of the frames
+  --segmentation PATH        faces: soft parsing masks, one byte a pixel (buffer 235; the JSON
+                             says where each mask lies); needs --json
+  --tracking MODE            faces: none, motion (the default) or advanced (appearance) ids
+                             across frames (int parameter 502)
+  --smoothing MODE           none, gaussian (without tracking) or kalman (with tracking) (503)
+  --smoothing-level L        gaussian: 0.25 to 2.5 (float parameter 505)
+  --first-frame N            the frame where tracking starts (default: the first rendered) (504)
+  --shape-scale S[,SY]       grow the drawn shapes by S across and SY down (default 1) (500, 501)
 
 Demo options:
   --out DIR                  folder for the sample and its results (default ./quillon-demo)

@@ -46,6 +46,19 @@ std::vector<std::string> split(const std::string& text, char separator) {
     }
 }
 
+// A word among the names of an int parameter's values: "--tracking motion" sets 502 to 1.
+int parseChoice(const std::string& text, const std::string& what, const std::vector<std::string>& names) {
+    for (std::size_t i = 0; i < names.size(); ++i)
+        if (text == names[i]) return static_cast<int>(i);
+    std::string list;
+    for (const std::string& n : names) list += (list.empty() ? "" : ", ") + n;
+    throw UsageError("bad " + what + " '" + text + "' (one of: " + list + ")");
+}
+
+ParamSetting intParam(int id, int value) {
+    return parseParam(std::to_string(id) + ":int=" + std::to_string(value));
+}
+
 Command parseCommand(const std::string& word) {
     if (word == "list") return Command::List;
     if (word == "render") return Command::Render;
@@ -165,6 +178,24 @@ Options parseArguments(const std::vector<std::string>& args) {
             if (parts.size() != 2) throw UsageError("bad origin '" + text + "': expected X,Y");
             o.params.push_back(parseParam("202:int=" + parts[0]));
             o.params.push_back(parseParam("203:int=" + parts[1]));
+        } else if (arg == "--tracking") {
+            o.params.push_back(intParam(502, parseChoice(value(), "tracking mode", {"none", "motion", "advanced"})));
+        } else if (arg == "--smoothing") {
+            o.params.push_back(intParam(503, parseChoice(value(), "smoothing mode", {"none", "gaussian", "kalman"})));
+        } else if (arg == "--smoothing-level") {
+            o.params.push_back(parseParam("505:float=" + value()));
+        } else if (arg == "--first-frame") {
+            o.params.push_back(parseParam("504:int=" + value()));
+        } else if (arg == "--shape-scale") {
+            const std::string& text = value();
+            const auto parts = split(text, ',');
+            if (parts.size() > 2) throw UsageError("bad shape scale '" + text + "': expected S or SX,SY");
+            o.params.push_back(parseParam("500:float=" + parts[0]));
+            o.params.push_back(parseParam("501:float=" + parts.back()));
+        } else if (arg == "--json") {
+            o.buffers.push_back(BufferOutput{kJsonBuffer, -1, value()});
+        } else if (arg == "--segmentation") {
+            o.buffers.push_back(BufferOutput{kSegmentationBuffer, -1, value()});
         } else if (arg == "--threads" || arg == "-j") {
             o.threads = static_cast<int>(parseInteger(value(), "thread count", 1, 256));
         } else if (arg == "--out") {

@@ -16,6 +16,10 @@ namespace QCli {
 enum class Command { Help, List, Render, Demo, Bench };
 
 // An output buffer of the effect written to a file: --buffer ID[.INDEX]=PATH.
+// Output buffers of the detection effects: the objects as JSON, and the face-parsing masks.
+constexpr int kJsonBuffer = 234;
+constexpr int kSegmentationBuffer = 235;
+
 struct BufferOutput {
     int id = 0;
     int index = -1;

@@ -1,7 +1,10 @@
 // quillon render: frames of an input through one effect into output files.
 #include <algorithm>
 #include <cmath>
+#include <mutex>
 #include <thread>
+
+#include <nlohmann/json.hpp>
 #include <unistd.h>
 
 #include "Host/Cli/BufferFile.h"
@@ -66,9 +69,15 @@ std::unique_ptr<QMedia::MediaSink> createOutput(const std::filesystem::path& pat
     }
 }
 
+// A JSON buffer written to one file for several frames: the frames' objects in one array, each
+// with its "frame" number, written when the clip is done.
+bool collectsClip(const BufferOutput& b, const QMedia::FrameRange& frames) {
+    return frames.count() > 1 && b.path.extension() == ".json" && !QMedia::SequencePattern::isPattern(b.path);
+}
+
 void checkBufferOutputs(const std::vector<BufferOutput>& buffers, const QMedia::FrameRange& frames) {
     for (const BufferOutput& b : buffers) {
-        if (frames.count() > 1 && !QMedia::SequencePattern::isPattern(b.path))
+        if (frames.count() > 1 && !QMedia::SequencePattern::isPattern(b.path) && !collectsClip(b, frames))
             throw UsageError("buffer output " + b.path.string() + " is one file but " +
                              std::to_string(frames.count()) + " frames are rendered; put a frame number in its name");
         try {
@@ -132,6 +141,19 @@ int runRender(const Options& o, std::ostream& out, std::ostream& err) {
 
     RenderRequest request = renderRequestFor(o);
     request.wantOutput1 = static_cast<bool>(sink1);
+    std::vector<ParamSetting> params = defaultParams(o.target, frames);
+    params.insert(params.end(), request.params.begin(), request.params.end());
+    request.params = std::move(params);
+    // An image stands for every frame; sequences and videos repeat their ends.
+    const QMedia::FrameRange clip = source->kind() == QMedia::MediaKind::Image ? frames : source->frameRange();
+    std::mutex sourceMutex;
+    if (isDetectionTarget(o.target)) {
+        // Tracking after an evicted state, and smoothing windows, read frames besides the rendered one.
+        request.sourceFrame = [&](int f) {
+            std::lock_guard<std::mutex> lock(sourceMutex);
+            return readFrame(*source, std::clamp(f, clip.first, clip.last));
+        };
+    }
     FrameRenderer renderer(session, cancelWatch, request);
 
     const QMedia::FrameRange& outputs = timing.outputs;
@@ -147,9 +169,11 @@ int runRender(const Options& o, std::ostream& out, std::ostream& err) {
         ~Finish() { p.finish(); }
     } finishProgress{progress};
 
-    // An image stands for every frame; sequences and videos repeat their ends.
-    const QMedia::FrameRange clip = source->kind() == QMedia::MediaKind::Image ? frames : source->frameRange();
-    FrameWindow window(clip, [&](int f) { return readFrame(*source, f); });
+    FrameWindow window(clip, [&](int f) {
+        std::lock_guard<std::mutex> lock(sourceMutex);
+        return readFrame(*source, f);
+    });
+    std::vector<nlohmann::json> clipBuffers(o.buffers.size(), nlohmann::json::array());
     const std::vector<int> offsets = neighbourOffsets(o.target, o.params);
     const int reachBack = offsets.empty() ? 0 : std::max(0, -*std::min_element(offsets.begin(), offsets.end()));
 
@@ -216,11 +240,19 @@ int runRender(const Options& o, std::ostream& out, std::ostream& err) {
                     err << "quillon: warning: frame " << frame << " produced no buffer " << o.buffers[b].id << "\n";
                     continue;
                 }
-                writeBufferFile(bufferPathFor(o.buffers[b].path, frame), *results[k].buffers[b]);
+                if (collectsClip(o.buffers[b], outputs)) {
+                    nlohmann::json entry = nlohmann::json::parse(*results[k].buffers[b]);
+                    entry["frame"] = frame;
+                    clipBuffers[b].push_back(std::move(entry));
+                } else {
+                    writeBufferFile(bufferPathFor(o.buffers[b].path, frame), *results[k].buffers[b]);
+                }
             }
             progress.frameDone();
         }
     }
+    for (std::size_t b = 0; b < o.buffers.size(); ++b)
+        if (collectsClip(o.buffers[b], outputs)) writeBufferFile(o.buffers[b].path, clipBuffers[b].dump() + "\n");
     finishOutput(*sink);
     if (sink1) finishOutput(*sink1);
     progress.finish();

@@ -51,6 +51,8 @@ bool allowsParallelFrames(int target) {
         case 11:  // pose
         case 12:  // photo restoration
         case 14:  // hdr
+        case 6:   // face and plate detection: states between frames live in the host's cache,
+        case 8:   // and the plug-in renders one frame at a time
             return true;
         default:
             return false;
@@ -69,6 +71,14 @@ std::vector<int> neighbourOffsets(int target, const std::vector<ParamSetting>& p
         }
         default: return {};
     }
+}
+
+std::vector<ParamSetting> defaultParams(int target, const QMedia::FrameRange& frames) {
+    if (!isDetectionTarget(target)) return {};
+    std::vector<ParamSetting> params{parseParam("500:float=1"), parseParam("501:float=1"),
+                                     parseParam("504:int=" + std::to_string(frames.first))};
+    if (target == TARGET_FACE_DETECTION) params.push_back(parseParam("502:int=1"));
+    return params;
 }
 
 }  // namespace QCli

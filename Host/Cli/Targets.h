@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Host/Cli/ParamSetting.h"
+#include "Host/Media/FrameRange.h"
 
 namespace QCli {
 
@@ -36,5 +37,16 @@ std::vector<int> neighbourOffsets(int target, const std::vector<ParamSetting>& p
 constexpr int TARGET_DENOISE = 1;
 constexpr int TARGET_OPTICAL_FLOW = 3;
 constexpr int TARGET_RETIMING = 5;
+constexpr int TARGET_FACE_DETECTION = 6;
+constexpr int TARGET_PLATE_DETECTION = 8;
+
+inline bool isDetectionTarget(int target) {
+    return target == TARGET_FACE_DETECTION || target == TARGET_PLATE_DETECTION;
+}
+
+// Parameters the host sets for a target before the user's own, for a render of `frames`: the
+// detection effects draw shapes at their detected size (500, 501 at 1.0), track faces by motion
+// (502) and start tracking at the first rendered frame (504).
+std::vector<ParamSetting> defaultParams(int target, const QMedia::FrameRange& frames);
 
 }  // namespace QCli
