@@ -20,14 +20,14 @@
 
 namespace {
 
+using masksampling::coverageAt;
+using masksampling::sampledArea;
 using ML::Detection;
 using ML::Keypoint;
 using ML::Oval;
 using ML::Rect;
 using ML::YOLO7::IntBox;
 using ML::YOLO7::RenderState;
-using masksampling::coverageAt;
-using masksampling::sampledArea;
 
 constexpr double kPi = 3.14159265358979323846;
 
@@ -63,8 +63,8 @@ std::string faceText(const Oval& o, const IntBox& box, int id) {
     const float c = std::cos(o.angle), s = std::sin(o.angle);
     std::string spline;
     for (const auto& p : pts)
-        spline += (spline.empty() ? "" : ",") + num(o.cx + p[0] * c + p[1] * s) + "," + num(o.cy + p[1] * c - p[0] * s) +
-                  ",1.0";
+        spline += (spline.empty() ? "" : ",") + num(o.cx + p[0] * c + p[1] * s) + "," +
+                  num(o.cy + p[1] * c - p[0] * s) + ",1.0";
     return "{\"bbox\":" + boxText(box) + ",\"id\":" + std::to_string(id) + ",\"oval\":{\"angle\":" + num(o.angle) +
            ",\"center\":[" + num(o.cx) + "," + num(o.cy) + "],\"radius\":[" + num(o.a) + "," + num(o.b) +
            "]},\"type\":\"face\",\"x-spline\":[" + spline + "]}";
@@ -90,8 +90,8 @@ TEST(ObjectJson, FacesFromDetections) {
               objects({faceText({20, 40, 10, 20, 0}, {10, 20, 30, 60}, -1)}));
     EXPECT_EQ(type.render_detections(state(1.5f, 0.1f), {upright, tilted}).dump(),
               objects({faceText({20, 40, 15, 2, 0}, {10, 20, 30, 60}, -1),
-                       faceText({10.2f + hw, 20.5f + hh, hw * 1.5f, hh * 0.1f, std::atan2(4.0f, 4.0f)}, {11, 21, 20, 41},
-                                -1)}));
+                       faceText({10.2f + hw, 20.5f + hh, hw * 1.5f, hh * 0.1f, std::atan2(4.0f, 4.0f)},
+                                {11, 21, 20, 41}, -1)}));
     // The widening in full, once by hand: radius y 1 * 0.1f.
     const Detection flat = face(10, 20, 30, 22, {15, 21, 0.9f}, {25, 21, 0.9f});
     EXPECT_NE(type.render_detections(state(1.0f, 0.1f), {flat}).dump().find("\"radius\":[10.0,0.10000000149011612]"),
@@ -122,9 +122,8 @@ TEST(ObjectJson, TrackedFacesTakeTheReadingOfTheSmoothingMode) {
     ML::YOLO7::Face type;
     RenderState s = state(3.0f, 3.0f);  // the readings carry their radii already scaled
     s.trackerConfig.smoothing_mode = ML::YOLO7::SMOOTHING_NONE;
-    EXPECT_EQ(type.render_tracked(s, {a, b}).dump(),
-              objects({faceText({100, 50, 8, 12, 0.25f}, {92, 38, 108, 62}, 7),
-                       faceText({30, 60, 5, 6, -0.5f}, {25, 54, 35, 66}, 3)}));
+    EXPECT_EQ(type.render_tracked(s, {a, b}).dump(), objects({faceText({100, 50, 8, 12, 0.25f}, {92, 38, 108, 62}, 7),
+                                                              faceText({30, 60, 5, 6, -0.5f}, {25, 54, 35, 66}, 3)}));
     s.trackerConfig.smoothing_mode = ML::YOLO7::SMOOTHING_KALMAN;
     EXPECT_EQ(type.render_tracked(s, {a, b}).dump(),
               objects({faceText({101.5f, 49, 9, 13, 0.2f}, {93, 37, 109, 63}, 7),
@@ -138,7 +137,8 @@ TEST(ObjectJson, SmoothedFacesAreKernelMeansWithTheMiddleBox) {
         face(10.5f, 0.5f, 20.5f, 12.5f, {12, 5, 0.9f}, {18, 5, 0.9f}),
         face(20, 2, 30, 16, {22, 5, 0.9f}, {28, 11, 0.9f}),
     };
-    const float cx[] = {5, 15.5f, 25}, cy[] = {5, 6.5f, 9}, ra[] = {5, 5, 5}, rb[] = {5, 6, 7}, angle[] = {0, 0, kPi / 4};
+    const float cx[] = {5, 15.5f, 25}, cy[] = {5, 6.5f, 9}, ra[] = {5, 5, 5}, rb[] = {5, 6, 7},
+                angle[] = {0, 0, kPi / 4};
     ML::YOLO7::Face type;
     RenderState s = state();
     s.trackerConfig.smoothing_level = 0.25f;
@@ -165,11 +165,11 @@ TEST(ObjectJson, Plates) {
 }
 
 TEST(ObjectJson, NoObjectsGiveAnEmptyListAndAClearedMask) {
-    ML::YOLO7::Face faces;
-    ML::YOLO7::LicensePlate plates;
-    for (ML::YOLO7::ObjectTypeBase* type : {static_cast<ML::YOLO7::ObjectTypeBase*>(&faces),
-                                             static_cast<ML::YOLO7::ObjectTypeBase*>(&plates)}) {
-        SCOPED_TRACE(type->name);
+    const ML::YOLO7::ObjectTypeMap types = ML::YOLO7::makeObjectTypes();
+    ASSERT_EQ(types.size(), 2u);
+    for (const auto& [name, type] : types) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(type->name, name);
         RenderState s = state();
         auto mask = masksampling::maskImage({0, 0, 12, 10}, ML::F32);
         for (int y = 0; y < 10; ++y)
@@ -181,8 +181,13 @@ TEST(ObjectJson, NoObjectsGiveAnEmptyListAndAClearedMask) {
             for (int x = 0; x < 12; ++x)
                 EXPECT_EQ(mask->at<float>(x, y), y >= 1 && y < 9 && x >= 2 ? 0.0f : 0.5f) << x << "," << y;
     }
+    ML::YOLO7::ObjectTypeBase& faces = *types.at("face");
     EXPECT_EQ(faces.render_tracked(state(), {}).dump(), "{\"objects\":[]}");
     EXPECT_EQ(faces.render_smoothed(state(), {}).dump(), "{\"objects\":[]}");
+    EXPECT_EQ(faces.keypointCount, 5);
+    EXPECT_EQ(faces.threshold, 0.25f);
+    EXPECT_EQ(types.at("lp")->keypointCount, 4);
+    EXPECT_EQ(types.at("lp")->threshold, 0.2f);
 }
 
 TEST(ObjectJson, HostBufferHoldsTheCompactTextAndAZero) {
@@ -249,7 +254,8 @@ TEST(ObjectMask, FaceOvalCoversItsArea) {
     const Detection d = face(8, 16, 28, 46, {12, 24, 0.9f}, {21, 27, 0.2f});
     type.render_detections(s, {d});
     const Oval o{18, 31, 12, 13.5f, std::atan2(3.0f, 9.0f)};
-    expectMask(*mask, s.roi, [&](double x, double y) { return masksampling::insideOval(o, x, y); }, kPi * o.a * o.b);
+    expectMask(
+        *mask, s.roi, [&](double x, double y) { return masksampling::insideOval(o, x, y); }, kPi * o.a * o.b);
 }
 
 TEST(ObjectMask, PlateQuadrilateralCoversItsArea) {
@@ -267,8 +273,8 @@ TEST(ObjectMask, PlateQuadrilateralCoversItsArea) {
         const size_t j = (i + 1) % 4;
         area += double(walk[2 * i]) * walk[2 * j + 1] - double(walk[2 * j]) * walk[2 * i + 1];
     }
-    expectMask(*mask, s.roi, [&](double x, double y) { return masksampling::insidePolygon(walk, x, y); },
-               std::abs(area) / 2);
+    expectMask(
+        *mask, s.roi, [&](double x, double y) { return masksampling::insidePolygon(walk, x, y); }, std::abs(area) / 2);
 }
 
 // ---- Rules at their edges ----
@@ -328,7 +334,7 @@ TEST(ObjectRules, PlateCornersGrowAlongThePlate) {
         std::array<float, 8> outline;  // p0, p1, p3, p2
     } cases[] = {
         {1.0f, 1.0f, {100, 50, 140, 54, 141, 66, 101, 62}},
-        {2.0f, 1.0f, {60, 46, 180, 58, 181, 70, 61, 58}},  // along p0-p1 only: -+(40, 4)
+        {2.0f, 1.0f, {60, 46, 180, 58, 181, 70, 61, 58}},   // along p0-p1 only: -+(40, 4)
         {1.0f, 2.0f, {99, 38, 139, 42, 142, 78, 102, 74}},  // along p0-p2 only: -+(1, 12)
         {1.5f, 2.0f, {79, 36, 159, 44, 162, 80, 82, 72}},
     };
@@ -357,14 +363,30 @@ TEST(ObjectRules, Refusals) {
         std::function<void()> call;
         std::string message;
     } cases[] = {
-        {"face of four", [&] { faces.render_detections(state(), {fivePoints, fourPoints}); }, notFace},
+        {"face of four",
+         [&] {
+             faces.render_detections(state(), {fivePoints, fourPoints});
+         },
+         notFace},
         {"reading of four", [&] { faces.make_reading(state(), fourPoints); }, notFace},
-        {"smoothed face of four", [&] { faces.render_smoothed(state(), {{fourPoints, fourPoints, fourPoints}}); }, notFace},
+        {"smoothed face of four",
+         [&] {
+             faces.render_smoothed(state(), {{fourPoints, fourPoints, fourPoints}});
+         },
+         notFace},
         {"plate of five", [&] { plates.render_detections(state(), {fivePoints}); }, notPlate},
-        {"ids not parallel", [&] { ML::YOLO7::facesJson({{}, {}}, {1}); }, "Oval ids must be parallel array to ovals!"},
+        {"ids not parallel",
+         [&] {
+             ML::YOLO7::facesJson({{}, {}}, {1});
+         },
+         "Oval ids must be parallel array to ovals!"},
         {"smoothing mode 1", [&] { faces.render_tracked(mode1, {track}); }, "Unexpected smoothing mode: 1"},
         {"smoothing mode 3", [&] { faces.render_tracked(mode3, {track}); }, "Unexpected smoothing mode: 3"},
-        {"window and kernel", [&] { faces.render_smoothed(state(), {{fivePoints, fivePoints}}); }, "!!"},
+        {"window and kernel",
+         [&] {
+             faces.render_smoothed(state(), {{fivePoints, fivePoints}});
+         },
+         "!!"},
         {"plate smoothing", [&] { plates.render_smoothed(state(), {}); }, "TODO ! smoothing for license plates ! "},
         {"plate tracking", [&] { plates.render_tracked(state(), {}); }, "TODO ! tracking for license plates ! "},
         {"plate reading", [&] { plates.make_reading(state(), fourPoints); }, "TODO ! tracking for license plates ! "},

@@ -21,9 +21,12 @@ inline ML::Ptr<QHost::OwnedImage> maskImage(const ML::Rect& rect, ML::u32 type) 
 
 inline float pixel(const QHost::OwnedImage& image, int x, int y, ML::u32 channel = 0) {
     switch (image.getDataType()) {
-        case ML::U8: return image.at<std::uint8_t>(x, y, channel);
-        case ML::F16: return static_cast<float>(image.at<Imath::half>(x, y, channel));
-        default: return image.at<float>(x, y, channel);
+        case ML::U8:
+            return image.at<std::uint8_t>(x, y, channel);
+        case ML::F16:
+            return static_cast<float>(image.at<Imath::half>(x, y, channel));
+        default:
+            return image.at<float>(x, y, channel);
     }
 }
 

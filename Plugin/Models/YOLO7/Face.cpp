@@ -42,8 +42,7 @@ FaceRecord::FaceRecord(const Detection& d, float scaleX, float scaleY) : detecti
     const float width = d.x2 - d.x1;
     const float dx = e1.x - e0.x, dy = e1.y - e0.y;
     float angle = 0.0f;
-    if ((e0.confidence > 0.25f || e1.confidence > 0.25f) && std::sqrt(dx * dx + dy * dy) / width > 0.1f &&
-        e1.x > e0.x)
+    if ((e0.confidence > 0.25f || e1.confidence > 0.25f) && std::sqrt(dx * dx + dy * dy) / width > 0.1f && e1.x > e0.x)
         angle = std::atan2(dy, dx);
 
     const float hw = width * 0.5f, hh = (d.y2 - d.y1) * 0.5f;
@@ -106,7 +105,8 @@ nlohmann::json Face::render_smoothed(const RenderState& state, const std::vector
     return drawAndWrite(state, shapes, {});
 }
 
-nlohmann::json Face::render_tracked(const RenderState& state, const std::vector<std::shared_ptr<TrackedObject>>& tracks) {
+nlohmann::json Face::render_tracked(const RenderState& state,
+                                    const std::vector<std::shared_ptr<TrackedObject>>& tracks) {
     const int mode = state.trackerConfig.smoothing_mode;
     std::vector<FaceShape> shapes;
     std::vector<int> ids;
@@ -127,7 +127,8 @@ nlohmann::json Face::render_tracked(const RenderState& state, const std::vector<
 nlohmann::json Face::render_detections(const RenderState& state, const std::vector<Detection>& detections) {
     std::vector<FaceShape> shapes;
     shapes.reserve(detections.size());
-    for (const Detection& d : detections) shapes.push_back({FaceRecord(d, state.scaleX, state.scaleY).oval, integerBox(d)});
+    for (const Detection& d : detections)
+        shapes.push_back({FaceRecord(d, state.scaleX, state.scaleY).oval, integerBox(d)});
     return drawAndWrite(state, shapes, {});
 }
 

@@ -9,7 +9,8 @@
 
 namespace ML::YOLO7 {
 
-PlateRecord::PlateRecord(const Detection& d, float scaleX, float scaleY) : detection(d), scaleX(scaleX), scaleY(scaleY) {
+PlateRecord::PlateRecord(const Detection& d, float scaleX, float scaleY)
+    : detection(d), scaleX(scaleX), scaleY(scaleY) {
     if (d.keypoints.size() != corners.size())
         ML_THROW("must have 4 keypoints to intereperet detection as license plate");
     std::copy(d.keypoints.begin(), d.keypoints.end(), corners.begin());

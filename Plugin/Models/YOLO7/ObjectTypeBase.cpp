@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "Plugin/Models/YOLO7/Face.h"
+#include "Plugin/Models/YOLO7/LicensePlate.h"
 #include "Plugin/Models/YOLO7/RenderState.h"
 #include "Util/ML_Util.h"
 
@@ -15,6 +17,14 @@ IntBox integerBox(const Detection& d) {
 Ptr<Image> maskView(const RenderState& state) {
     if (!state.maskImage) return {};
     return makeNewImageView(state.maskImage, state.roi);
+}
+
+ObjectTypeMap makeObjectTypes() {
+    ObjectTypeMap types;
+    for (std::shared_ptr<ObjectTypeBase> type : {std::shared_ptr<ObjectTypeBase>(std::make_shared<Face>()),
+                                                 std::shared_ptr<ObjectTypeBase>(std::make_shared<LicensePlate>())})
+        types.emplace(type->name, std::move(type));
+    return types;
 }
 
 }  // namespace ML::YOLO7

@@ -3,6 +3,7 @@
 // filled into the mask output, and the entries of the JSON result {"objects": [...]}. One of each
 // type lives in the detection effect; the model's "object_type" picks one per render.
 #include <array>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,5 +55,10 @@ protected:
     // Held by shared pointers made for the derived types only.
     ~ObjectTypeBase() = default;
 };
+
+using ObjectTypeMap = std::map<std::string, std::shared_ptr<ObjectTypeBase>>;
+
+// One object type of each kind by its name: "face" and "lp".
+ObjectTypeMap makeObjectTypes();
 
 }  // namespace ML::YOLO7
