@@ -15,6 +15,8 @@
 #include "ML/Exception.h"
 #include "Plugin/ImageDrawUtil.h"
 #include "Plugin/Smoothing.h"
+#include "drawing/MaskSampling.h"
+#include "util/ExpectMessage.h"
 
 namespace {
 
@@ -22,54 +24,14 @@ using ML::Image;
 using ML::Oval;
 using ML::Rect;
 using ML::u32;
+using masksampling::coverageAt;
+using masksampling::insideOval;
+using masksampling::insidePolygon;
+using masksampling::maskImage;
+using masksampling::pixel;
+using masksampling::sampledArea;
 
 constexpr double kPi = 3.14159265358979323846;
-constexpr int kSamples = 64;  // per pixel side
-
-ML::Ptr<QHost::OwnedImage> maskImage(const Rect& rect, u32 type) {
-    return QHost::OwnedImage::make(rect, Image::R, Image::HWC, type);
-}
-
-float pixel(const QHost::OwnedImage& image, int x, int y, u32 channel = 0) {
-    switch (image.getDataType()) {
-        case ML::U8: return image.at<std::uint8_t>(x, y, channel);
-        case ML::F16: return static_cast<float>(image.at<Imath::half>(x, y, channel));
-        default: return image.at<float>(x, y, channel);
-    }
-}
-
-// Mask value back on the 0..1 scale; U8 holds value * 255 truncated.
-float coverageAt(const QHost::OwnedImage& image, int x, int y) {
-    const float v = pixel(image, x, y);
-    return image.getDataType() == ML::U8 ? v / 255.0f : v;
-}
-
-bool insideOval(const Oval& o, double px, double py) {
-    const double c = std::cos(o.angle), s = std::sin(o.angle);
-    const double dx = px - o.cx, dy = py - o.cy;
-    const double u = dx * c + dy * s, v = -dx * s + dy * c;
-    return u * u / (double(o.a) * o.a) + v * v / (double(o.b) * o.b) <= 1.0;
-}
-
-// Even-odd rule on the flat x, y list.
-bool insidePolygon(const std::vector<float>& xy, double px, double py) {
-    bool in = false;
-    const size_t n = xy.size() / 2;
-    for (size_t i = 0, j = n - 1; i < n; j = i++) {
-        const double xi = xy[2 * i], yi = xy[2 * i + 1], xj = xy[2 * j], yj = xy[2 * j + 1];
-        if ((yi > py) != (yj > py) && px < (xj - xi) * (py - yi) / (yj - yi) + xi) in = !in;
-    }
-    return in;
-}
-
-// Share of pixel [x, x + 1) x [y, y + 1) (absolute coordinates) for which inside() holds.
-double sampledArea(int x, int y, const std::function<bool(double, double)>& inside) {
-    int hits = 0;
-    for (int j = 0; j < kSamples; ++j)
-        for (int i = 0; i < kSamples; ++i)
-            if (inside(x + (i + 0.5) / kSamples, y + (j + 0.5) / kSamples)) ++hits;
-    return double(hits) / (kSamples * kSamples);
-}
 
 // Pixel errors of a drawing. Where outlines meet at an angle (a polygon's vertex, two ovals'
 // outlines crossing) the distance-based coverage is known to be rougher, so those pixels are
@@ -449,19 +411,6 @@ TEST(DrawPoints, MarksPointsAndBoxesInsideRect) {
             EXPECT_EQ(p.at(1, e.x, e.y), e.g) << e.x << "," << e.y;
             EXPECT_EQ(p.at(2, e.x, e.y), e.b) << e.x << "," << e.y;
         }
-    }
-}
-
-void expectMessage(const std::function<void()>& call, const std::string& message) {
-    try {
-        call();
-        ADD_FAILURE() << "no exception, expected " << message;
-    } catch (const ML::Exception& e) {
-        const std::string what = e.what();
-        EXPECT_EQ(e.source(), ML::Exception::PLUGIN);
-        EXPECT_EQ(e.code(), ML::Exception::INTERNAL);
-        ASSERT_GE(what.size(), message.size() + 2);
-        EXPECT_EQ(what.substr(what.size() - message.size() - 2), ": " + message) << what;
     }
 }
 
