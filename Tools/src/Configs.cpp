@@ -4,6 +4,7 @@
 
 #include "DenoiserStandIn.h"
 #include "FlowStandIns.h"
+#include "KalmanFilter.h"
 #include "PackageFiles.h"
 #include "PlateDetector.h"
 #include "StandIns.h"
@@ -104,6 +105,15 @@ TargetConfig plateStandIn() {
     return c;
 }
 
+// The face detector: tracking runs the package's exact Kalman update and, in advanced mode, the
+// face crop and embedding networks at 112 x 112.
+TargetConfig faceDetectionStandIn() {
+    TargetConfig c = standIn(6, "face_detection_config.json", "y7", "face_detection");
+    c.params["tracking_config"] = {
+        {"kalman_name", kKalmanId}, {"reid_execH", 112}, {"reid_execW", 112}, {"reid_name", "face_embedding"}};
+    return c;
+}
+
 TargetConfig depthStandIn() {
     return entry(9, "depth_config.json", "da2", kDepthStandInId, "Depth stand-in",
                  "Depth from luminance (1 - Rec. 709 luma) with a jet colour ramp; a stand-in network.",
@@ -127,7 +137,7 @@ const std::vector<TargetConfig>& targetConfigs() {
             flowStandIn(),
             standIn(4, "mask_propagation_config.json", "qt", "mask_propagation"),
             retimeStandIn(),
-            standIn(6, "face_detection_config.json", "y7", "face_detection"),
+            faceDetectionStandIn(),
             plateStandIn(),
             standIn(7, "interactive_segmentation_config.json", "sam", "interactive_segmentation"),
             depthStandIn(),
