@@ -49,6 +49,14 @@ TEST(ConfigFiles, SixteenFilesOfWellFormedModels) {
             for (const char* suffix : {"_detector.onnx", "_nms.onnx"})
                 EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
         }
+        // The face detector's tracking names the package's Kalman update and the re-identification
+        // networks at 112 x 112.
+        if (file == "face_detection_config.json") {
+            EXPECT_EQ(m["params"].at("tracking_config"),
+                      nlohmann::json::parse(R"({"kalman_name":"kalman_cv","reid_execH":112,"reid_execW":112,)"
+                                            R"("reid_name":"face_embedding"})"));
+            EXPECT_TRUE(fs::exists(packageModelFolder() / "kalman_cv.onnx"));
+        }
         // Optical flow and retiming name their stand-in networks, with their tiles; retiming's
         // flow pass names the flow network and the largest-value network.
         if (file == "optical_flow_config.json") {
