@@ -6,6 +6,7 @@
 #include "FaceMaskNetworks.h"
 #include "FlowStandIns.h"
 #include "Import/FaceDetector.h"
+#include "KalmanFilter.h"
 #include "PackageFiles.h"
 #include "PlateDetector.h"
 #include "StandIns.h"
@@ -117,6 +118,8 @@ TargetConfig faceDetector() {
                            static_cast<int>(tfjs::kFaceInputHeight), static_cast<int>(tfjs::kFaceInputWidth));
     c.params["object_type"] = "face";
     c.params["padding"] = kMaskBlurPadding;
+    c.params["tracking_config"] = {
+        {"kalman_name", kKalmanId}, {"reid_execH", 112}, {"reid_execW", 112}, {"reid_name", "face_embedding"}};
     c.params["faceseg_config"] = {{"execH", kFaceParsingSize},
                                   {"execW", kFaceParsingSize},
                                   {"modelId", kFaceParsingStandInId},
@@ -124,6 +127,8 @@ TargetConfig faceDetector() {
     return c;
 }
 
+// The face detector: tracking runs the package's exact Kalman update and, in advanced mode, the
+// face crop and embedding networks at 112 x 112.
 TargetConfig depthStandIn() {
     return entry(9, "depth_config.json", "da2", kDepthStandInId, "Depth stand-in",
                  "Depth from luminance (1 - Rec. 709 luma) with a jet colour ramp; a stand-in network.",

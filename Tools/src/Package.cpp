@@ -6,6 +6,7 @@
 #include "Conversion.h"
 #include "FlowStandIns.h"
 #include "GammaStats.h"
+#include "KalmanFilter.h"
 #include "Resize.h"
 #include "Sampler.h"
 #include "StandIns.h"
@@ -34,12 +35,15 @@ std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packag
     writeConfigs(configFolderOf(packageDir), options.encrypt);
     writeImgcvt(models);
     writeStandIns(models);
+    writeKalmanFilter(models);
     for (ML::u32 t : {ML::F16, ML::F32}) writeDynamicSamplerNetwork(models, t);
     tfjs::RealNetworks real;
     if (!options.networks.empty())
         real = tfjs::writeRealNetworks(models, options.networks, options.sources ? *options.sources : tfjs::networkSources(),
                                        options.with);
     for (const std::string& id : standInModelIds()) real.records.push_back({id, false, "quillon-pkg", "", "", "", ""});
+    real.records.push_back({kKalmanId, false, "quillon-pkg", "", "",
+                            "constant-velocity Kalman filter update, exact arithmetic (no trained weights)", "", true});
     tfjs::writeNetworkIndex(models, real.records);
     return real.notes;
 }

@@ -60,6 +60,10 @@ TEST(ConfigFiles, SixteenFilesOfWellFormedModels) {
                                            m["modelId"].get<std::string>() + "_nms", std::string("mask_blur"),
                                            seg["modelId"].get<std::string>(), std::string("imgcvt/logits_to_masks_aa_F16")})
                 EXPECT_TRUE(fs::exists(packageModelFolder() / (name + ".onnx"))) << name;
+            EXPECT_EQ(m["params"].at("tracking_config"),
+                      nlohmann::json::parse(R"({"kalman_name":"kalman_cv","reid_execH":112,"reid_execW":112,)"
+                                            R"("reid_name":"face_embedding"})"));
+            EXPECT_TRUE(fs::exists(packageModelFolder() / "kalman_cv.onnx"));
         }
         // Optical flow and retiming name their stand-in networks, with their tiles; retiming's
         // flow pass names the flow network and the largest-value network.

@@ -419,6 +419,7 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
                                                          {"esrgan_medium_2x", "imported"},
                                                          {"esrgan_medium_enhance", "imported"},
                                                          {"flow_max", "stand-in"},
+                                                         {"kalman_cv", "exact"},
                                                          {"flow_viz-288x512", "stand-in"},
                                                          {"lp_detection_standin_detector", "stand-in"},
                                                          {"lp_detection_standin_nms", "stand-in"},
@@ -446,7 +447,7 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out.rfind("Real networks skipped: " + (dir / "elsewhere").string() + " does not exist", 0), 0u)
         << r.out;
-    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 13u);  // the stand-ins
+    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 14u);  // the stand-ins, the Kalman update
 }
 
 TEST(RealNetworks, ImportCommandWritesAFileOrNothing) {

@@ -2,6 +2,8 @@
 // Persistent ids for faces across a sequence. One update takes the state of the previous frame
 // and the readings of the current one; the state of every frame lives in the host's compute
 // cache, so renders may come in any order.
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -49,9 +51,15 @@ void from_json(const nlohmann::json& j, TrackedObject& o);
 
 class TrackerState {
 public:
-    TrackerState();
-    // A new state for the next frame: the same next id and the same (shared) objects.
-    explicit TrackerState(const TrackerState& previous);
+    TrackerState() { bindNextId(); }
+    // A new state for the next frame: the same next id and the same (shared) objects, which the
+    // update then changes in place. Safe only because one render makes, updates and stores a
+    // state under its locks, and never uses the previous state again.
+    explicit TrackerState(const TrackerState& previous)
+        : next_id(previous.next_id), tracked_objects(previous.tracked_objects) {
+        bindNextId();
+    }
+    TrackerState& operator=(const TrackerState&) = delete;
 
     int next_id = 1;
     std::vector<std::shared_ptr<TrackedObject>> tracked_objects;
@@ -70,14 +78,25 @@ public:
     // [{"next_id", "tracked_objects"}] as MessagePack, and back. A corrupt buffer throws the JSON
     // library's exception.
     std::vector<std::uint8_t> encode() const;
+    // Beyond the JSON library's own checks, decode refuses (with a JSON library exception too)
+    // values that the update could not work on: rings of the wrong length, counters at the edge
+    // of int, a next id below 1.
     static std::shared_ptr<TrackerState> decode(const std::uint8_t* bytes, std::size_t size);
+
+private:
+    void bindNextId() {
+        next_tracker_id = [this] { return next_id++; };
+    }
 };
+
+// Keys "next_id", "tracked_objects" (objects in list order).
+void to_json(nlohmann::json& j, const TrackerState& s);
 
 // Greedy nearest pairs of `cost` (rows x columns) below `threshold`, in order of increasing cost.
 void match_greedy(std::vector<std::vector<float>> cost, float threshold, std::vector<int>& rows,
                   std::vector<int>& columns);
 
-// Cache keys of a frame's tracker state and raw detections.
+// Cache key of a frame's tracker state: "objs_state_<frame>_<modelId>".
 std::string trackerStateKey(int frame, const std::string& modelId);
 
 }  // namespace ML::YOLO7

@@ -79,11 +79,12 @@ void writeNetworkIndex(const fs::path& modelFolder, const std::vector<NetworkRec
     std::ostringstream md;
     md << "# Networks of this package\n\n"
           "Imported networks were converted from TensorFlow.js to ONNX by `quillon-pkg`; stand-ins are small\n"
-          "networks of the tool itself that compute something simple, so that effects run without real weights.\n\n"
+          "networks of the tool itself that compute something simple, so that effects run without real weights;\n"
+          "exact networks compute a fixed formula (no weights to train) and are what the plug-in runs.\n\n"
           "| model | kind | source | file | licence | upstream | adapter |\n"
           "|---|---|---|---|---|---|---|\n";
     for (const NetworkRecord& r : records) {
-        const std::string kind = r.imported ? "imported" : "stand-in";
+        const std::string kind = r.imported ? "imported" : r.exact ? "exact" : "stand-in";
         models[r.modelId] = {{"onnx", r.modelId + ".onnx"},  {"kind", kind},
                              {"source", orNull(r.source)},   {"file", orNull(r.file)},
                              {"licence", orNull(r.licence)}, {"upstream", orNull(r.upstream)},
@@ -109,7 +110,7 @@ std::vector<NetworkRecord> readNetworkIndex(const fs::path& modelFolder) {
     for (const auto& [id, j] : doc["models"].items()) {
         if (!j.is_object()) continue;
         records.push_back({id, text(j, "kind") == "imported", text(j, "source"), text(j, "file"), text(j, "licence"),
-                           text(j, "upstream"), text(j, "adapter")});
+                           text(j, "upstream"), text(j, "adapter"), text(j, "kind") == "exact"});
     }
     return records;
 }

@@ -24,8 +24,11 @@ const std::vector<NetworkSource>& networkSources();
 // One model file of a package, for networks.json.
 struct NetworkRecord {
     std::string modelId;
-    bool imported = false;  // false: a stand-in
+    bool imported = false;  // false: a stand-in, or exact arithmetic
     std::string source, file, licence, upstream, adapter;
+    // A fixed formula written as a network (the tracker's Kalman update): kind "exact", neither
+    // trained nor standing in for a trained network.
+    bool exact = false;
 };
 
 // What writing the real networks did: a record per network written, a line per network left out.
