@@ -124,7 +124,7 @@ void PluginContext::registerModels() {
     registerModel<UnavailableModel>("memfof");
     registerModel<UnavailableModel>("qt");
     registerModel<RIFE::Context>("rife");
-    registerModel<UnavailableModel>("y7");
+    registerModel<YOLO7::Context>("y7");
     registerModel<UnavailableModel>("sam");
     registerModel<DA2::Context>("da2");
     registerModel<UnavailableModel>("tgn");

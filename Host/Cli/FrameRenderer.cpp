@@ -17,7 +17,10 @@ namespace {
 // Layout of an output image. A one-channel image is the same in memory either way; it is
 // described as planar, which the plug-in's resize path for single-channel outputs handles
 // (its interleaved single-channel resize currently fails at the backend).
-ML::u32 outputLayout(ML::u32 format) { return format == ML::ImageImp::R ? ML::ImageImp::CHW : ML::ImageImp::HWC; }
+// The detection effects draw their mask in place, which takes interleaved images.
+ML::u32 outputLayout(int target, ML::u32 format) {
+    return format == ML::ImageImp::R && !isDetectionTarget(target) ? ML::ImageImp::CHW : ML::ImageImp::HWC;
+}
 
 // Channel format of the output images: depth writes one channel (R) and a colour view (RGB);
 // other effects give pictures like their input.
@@ -102,7 +105,7 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, co
     }
     const auto input = toHostImage(inputFrame, inRect);
     const ML::u32 format0 = outputFormat(request_.target, 0, *input);
-    auto output = makeOutputImage(outRect, format0, outputType(request_.target, 0, *input), outputLayout(format0));
+    auto output = makeOutputImage(outRect, format0, outputType(request_.target, 0, *input), outputLayout(request_.target, format0));
     settings->setInputImage(frameNumber, input);
     // Frame numbers are the plug-in's unsigned ones: frame -1 is 2^32 - 1 there.
     for (const auto& [number, picture] : neighbours)
@@ -122,7 +125,7 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, co
     ML::Ptr<QHost::OwnedImage> output1;
     if (request_.wantOutput1) {
         const ML::u32 format1 = outputFormat(request_.target, 1, *input);
-        output1 = makeOutputImage(outRect, format1, outputType(request_.target, 1, *input), outputLayout(format1));
+        output1 = makeOutputImage(outRect, format1, outputType(request_.target, 1, *input), outputLayout(request_.target, format1));
         settings->setOutputImage(frameNumber, output1, {1, -1});
     }
 

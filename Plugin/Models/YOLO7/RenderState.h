@@ -12,7 +12,9 @@
 #include "ML/Host.h"
 #include "ML/ImageImp.h"
 #include "Plugin/ModelInfo.h"
+#include "Plugin/Models/YOLO7/ObjectTypeBase.h"
 #include "Plugin/Models/YOLO7/Tracker.h"
+#include "Plugin/Models/YOLO7/TrackerWalk.h"
 
 namespace ML::YOLO7 {
 
@@ -33,10 +35,11 @@ struct RenderState {
     Ptr<Image> colorizedImage;  // covers the ROI; only with a mask image
     Rect roi;
 
-    std::vector<int> frames_to_track;  // the walk from the current frame towards the first frame
+    // Tracking: the frames to track from the current one towards the first frame, and the stored
+    // state where that walk stopped.
+    TrackerWalkPlan walk;
     std::map<int, Ptr<Image>> input_images;
     std::map<int, Ptr<Buffer>> cached_detections;  // the detector's rows of a frame
-    std::map<int, std::shared_ptr<TrackerState>> tracker_states;
 
     const ModelInfo* info = nullptr;  // the model description of the render
     u64 row_floats = 0, row_bytes = 0, detectionBufferBytes = 0;
@@ -48,5 +51,9 @@ struct RenderState {
     std::vector<std::string> segClassNames;
     float paddingFactor = 1.75f;
 };
+
+// Every host request of a render, with its checks, before any network runs; a render with
+// prepareOnly stops after this, and the host has learnt what the render needs.
+RenderState readRenderState(Host* host, u64 call, const ModelInfo& info, const ObjectTypeMap& types);
 
 }  // namespace ML::YOLO7

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <sstream>
 
 #include "ML/Exception.h"
 #include "Plugin/ModelContext.h"
@@ -229,6 +230,16 @@ std::vector<std::vector<Detection>> link_detections(const std::vector<std::vecto
         if (atMiddle || (before && after)) kept.push_back(fill(chain, size));
     }
     return kept;
+}
+
+void checkSmoothingLevel(float level) {
+    const auto refuse = [&](const char* what, float limit) {
+        std::ostringstream text;
+        text << what << limit << " . returned value: " << level;
+        ML_THROW(text.str());
+    };
+    if (!(level >= kMinSmoothingLevel)) refuse("smoothing level must be >= ", kMinSmoothingLevel);
+    if (level > kMaxSmoothingLevel) refuse("smoothing level must be <= ", kMaxSmoothingLevel);
 }
 
 }  // namespace ML::YOLO7

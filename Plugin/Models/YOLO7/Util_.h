@@ -67,6 +67,10 @@ void kalman_update(KalmanFilterState& state, KalmanFilterBackendResources& resou
 // of the ring's angles; box and embedding from `reading`.
 TrackedObjectReading current_estimate(const KalmanFilterState& state, const TrackedObjectReading& reading);
 
+// The level of Gaussian smoothing must lie within 0.25 .. 2.5 (windows of 3 to 9 frames).
+constexpr float kMinSmoothingLevel = 0.25f, kMaxSmoothingLevel = 2.5f;
+void checkSmoothingLevel(float level);
+
 // Gaussian smoothing without a tracker: the detections of each frame of a window (in frame
 // order) linked by position into chains; each kept chain is filled to one detection per frame.
 std::vector<std::vector<Detection>> link_detections(const std::vector<std::vector<Detection>>& window);
