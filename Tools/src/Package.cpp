@@ -9,6 +9,7 @@
 #include "Resize.h"
 #include "Sampler.h"
 #include "StandIns.h"
+#include "WarpAffineCrop.h"
 
 namespace qpkg {
 
@@ -35,11 +36,13 @@ std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packag
     writeImgcvt(models);
     writeStandIns(models);
     for (ML::u32 t : {ML::F16, ML::F32}) writeDynamicSamplerNetwork(models, t);
+    writeWarpAffineCrop(models);
     tfjs::RealNetworks real;
     if (!options.networks.empty())
         real = tfjs::writeRealNetworks(models, options.networks, options.sources ? *options.sources : tfjs::networkSources(),
                                        options.with);
     for (const std::string& id : standInModelIds()) real.records.push_back({id, false, "quillon-pkg", "", "", "", ""});
+    real.records.push_back({kWarpAffineCropName, false, "quillon-pkg", "", "", "", "", true});
     tfjs::writeNetworkIndex(models, real.records);
     return real.notes;
 }
