@@ -143,12 +143,11 @@ void ReIdBackendResources::computeEmbeddings(ImageTensorConverter& converter, co
     }
 }
 
-}  // namespace YOLO7
-
-void YOLO7::computeEmbeddings(ReIdBackendResources& resources, ImageTensorConverter& converter,
-                              const Ptr<Image>& frame, const std::vector<Detection>& detections,
-                              std::vector<TrackedObjectReading>& readings, i32 reidExecH, i32 reidExecW) {
+void computeEmbeddings(ReIdBackendResources& resources, ImageTensorConverter& converter, const Ptr<Image>& frame,
+                       const std::vector<Detection>& detections, std::vector<TrackedObjectReading>& readings,
+                       i32 reidExecH, i32 reidExecW) {
     resources.computeEmbeddings(converter, frame, detections, readings, reidExecH, reidExecW);
 }
 
+}  // namespace YOLO7
 }  // namespace ML
