@@ -96,8 +96,6 @@ onnx::ModelProto buildLogitsToMasks(ML::u32 dataType) {
     return g.build();
 }
 
-std::vector<std::string> faceMaskModelIds() { return {kMaskBlurId, kFaceParsingStandInId}; }
-
 std::vector<std::string> faceParsingClasses() { return {"skin"}; }
 
 void writeFaceMaskNetworks(const std::filesystem::path& modelFolder) {

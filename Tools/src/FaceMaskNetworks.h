@@ -45,8 +45,6 @@ onnx::ModelProto buildFaceParsingStandIn();
 onnx::ModelProto buildLogitsToMasks(ML::u32 dataType);
 std::string logitsToMasksName(ML::u32 dataType);  // "logits_to_masks_aa_F16"
 
-// "mask_blur", "face_parsing_standin".
-std::vector<std::string> faceMaskModelIds();
 // The classes of the parsing stand-in, background excluded.
 std::vector<std::string> faceParsingClasses();
 

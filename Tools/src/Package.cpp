@@ -4,12 +4,14 @@
 
 #include "Configs.h"
 #include "Conversion.h"
+#include "FaceMaskNetworks.h"
 #include "FlowStandIns.h"
 #include "GammaStats.h"
 #include "KalmanFilter.h"
 #include "Resize.h"
 #include "Sampler.h"
 #include "StandIns.h"
+#include "WarpAffineCrop.h"
 
 namespace qpkg {
 
@@ -37,6 +39,7 @@ std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packag
     writeStandIns(models);
     writeKalmanFilter(models);
     for (ML::u32 t : {ML::F16, ML::F32}) writeDynamicSamplerNetwork(models, t);
+    writeWarpAffineCrop(models);
     tfjs::RealNetworks real;
     if (!options.networks.empty())
         real = tfjs::writeRealNetworks(models, options.networks, options.sources ? *options.sources : tfjs::networkSources(),
@@ -44,6 +47,8 @@ std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packag
     for (const std::string& id : standInModelIds()) real.records.push_back({id, false, "quillon-pkg", "", "", "", ""});
     real.records.push_back({kKalmanId, false, "quillon-pkg", "", "",
                             "constant-velocity Kalman filter update, exact arithmetic (no trained weights)", "", true});
+    real.records.push_back({kWarpAffineCropName, false, "quillon-pkg", "", "", "", "", true});
+    real.records.push_back({kMaskBlurId, false, "quillon-pkg", "", "", "", "", true});
     tfjs::writeNetworkIndex(models, real.records);
     return real.notes;
 }

@@ -108,7 +108,7 @@ std::vector<std::string> standInModelIds() {
     for (const std::string& id : denoiserStandInModelIds()) ids.push_back(id);
     for (const std::string& id : flowStandInModelIds()) ids.push_back(id);
     for (const std::string& id : plateStandInModelIds()) ids.push_back(id);
-    for (const std::string& id : faceMaskModelIds()) ids.push_back(id);
+    ids.push_back(kFaceParsingStandInId);
     return ids;
 }
 

@@ -427,7 +427,8 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
                                                          {"retiming_standin", "stand-in"},
                                                          {"upres_standin_2x", "stand-in"},
                                                          {"upres_standin_4x", "stand-in"},
-                                                         {"upres_standin_enhance", "stand-in"}}));
+                                                         {"upres_standin_enhance", "stand-in"},
+                                                         {"warp_affine_crop", "helper"}}));
     EXPECT_EQ(index["esrgan_medium_2x"]["source"], "@upscalerjs/esrgan-medium@1.0.0");
     EXPECT_EQ(index["esrgan_medium_2x"]["file"], "models/x2/model.json");
     EXPECT_EQ(index["esrgan_medium_2x"]["licence"], "MIT");
@@ -447,7 +448,7 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out.rfind("Real networks skipped: " + (dir / "elsewhere").string() + " does not exist", 0), 0u)
         << r.out;
-    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 14u);  // the stand-ins, the Kalman update
+    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 14u);  // stand-ins and helpers
 }
 
 TEST(RealNetworks, ImportCommandWritesAFileOrNothing) {

@@ -60,6 +60,26 @@ const std::vector<Adapter> kFaceDetection = [] {
     return table;
 }();
 
+// Face embedding: 1x3x112x112 F16 RGB in 0..1 -> 1x512 F16. HSE FaceRes (a MobileNet whose
+// pooled 1024 features serve as a face descriptor beside its age and gender heads) takes
+// 224x224 RGB in 0..255; its features are projected to 512. MobileFaceNet (112x112, 192 values)
+// imports too, but it hardly tells faces apart: two different faces score a cosine of 0.9999 with
+// input in 0..1 or -1..1 and 0.96 on average in 0..255, as close as two shots of one face.
+Adapter faceEmbedding(std::string name, int64_t size, float high, std::string output) {
+    Adapter a;
+    a.name = std::move(name);
+    a.family = "face-embedding";
+    a.inHigh = high;
+    a.fixedHeight = a.fixedWidth = size;
+    a.output = std::move(output);
+    return a;
+}
+
+const std::vector<Adapter> kFaceEmbedding{
+    faceEmbedding("faceres-embedding", 224, 255.0f, "global_pooling/Mean"),
+    faceEmbedding("mobilefacenet-embedding", 112, 1.0f, ""),
+};
+
 }  // namespace
 
 const std::vector<FamilyContract>& familyContracts() {
@@ -67,6 +87,7 @@ const std::vector<FamilyContract>& familyContracts() {
         {"upscaling", "image", "output", ML::F16, false, 3, 0.0f, 1.0f, false},
         {"enhancement", "image", "output", ML::F16, false, 3, 0.0f, 1.0f, true},
         {"face-detector", "input", "raw", ML::F16, false, 3, 0.0f, 1.0f, false},
+        {"face-embedding", "crop", "embedding", ML::F16, false, 3, 0.0f, 1.0f, false},
     };
     return table;
 }
@@ -74,7 +95,7 @@ const std::vector<FamilyContract>& familyContracts() {
 const std::vector<Adapter>& adapters() {
     static const std::vector<Adapter> table = [] {
         std::vector<Adapter> all;
-        for (const std::vector<Adapter>* family : {&kUpscaling, &kEnhancement, &kFaceDetection})
+        for (const std::vector<Adapter>* family : {&kUpscaling, &kEnhancement, &kFaceDetection, &kFaceEmbedding})
             all.insert(all.end(), family->begin(), family->end());
         return all;
     }();
@@ -101,6 +122,9 @@ onnx::ModelProto importAdapted(const Model& model, const Adapter& adapter, const
     if (adapter.nms) return faceNmsNetwork(adapter.name);
     if (family.family == "face-detector")
         return importFaceDetector(model, adapter.name, {adapter.fixedHeight, adapter.inLow, adapter.inHigh, adapter.anchors});
+    if (family.family == "face-embedding")
+        return importFaceEmbedding(model, adapter.name, {adapter.fixedHeight, adapter.inLow, adapter.inHigh, adapter.output},
+                                   family.type);
     const std::string where = model.file.string() + " (adapter " + adapter.name + ")";
 
     // The network's one image input and the output taken.

@@ -18,12 +18,13 @@
 #include <vector>
 
 #include "FaceDetector.h"
+#include "FaceEmbedding.h"
 #include "Importer.h"
 
 namespace qpkg::tfjs {
 
 struct FamilyContract {
-    std::string family;  // "upscaling", "enhancement", "face-detector"
+    std::string family;  // "upscaling", "enhancement", "face-detector", "face-embedding"
     std::string inputName = "image";
     std::string outputName = "output";
     ML::u32 type = ML::F16;     // U8, F16 or F32, for input and output alike

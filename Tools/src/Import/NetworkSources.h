@@ -24,11 +24,9 @@ const std::vector<NetworkSource>& networkSources();
 // One model file of a package, for networks.json.
 struct NetworkRecord {
     std::string modelId;
-    bool imported = false;  // false: a stand-in, or exact arithmetic
+    bool imported = false;  // false: a stand-in, or a helper network
     std::string source, file, licence, upstream, adapter;
-    // A fixed formula written as a network (the tracker's Kalman update): kind "exact", neither
-    // trained nor standing in for a trained network.
-    bool exact = false;
+    bool helper = false;  // a network of the tool itself that does the real work, not a stand-in
 };
 
 // What writing the real networks did: a record per network written, a line per network left out.
