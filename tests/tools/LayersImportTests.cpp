@@ -418,8 +418,10 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
                                                          {"depth_standin_colorize", "stand-in"},
                                                          {"esrgan_medium_2x", "imported"},
                                                          {"esrgan_medium_enhance", "imported"},
+                                                         {"face_parsing_standin", "stand-in"},
+                                                         {"mask_blur", "helper"},
                                                          {"flow_max", "stand-in"},
-                                                         {"kalman_cv", "exact"},
+                                                         {"kalman_cv", "helper"},
                                                          {"flow_viz-288x512", "stand-in"},
                                                          {"lp_detection_standin_detector", "stand-in"},
                                                          {"lp_detection_standin_nms", "stand-in"},
@@ -448,7 +450,7 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
     ASSERT_EQ(r.code, 0) << r.err;
     EXPECT_EQ(r.out.rfind("Real networks skipped: " + (dir / "elsewhere").string() + " does not exist", 0), 0u)
         << r.out;
-    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 14u);  // stand-ins and helpers
+    EXPECT_EQ(json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].size(), 17u);  // stand-ins and helpers
 }
 
 TEST(RealNetworks, ImportCommandWritesAFileOrNothing) {

@@ -14,6 +14,7 @@
 
 #include "Plugin/ModelBase.h"
 #include "Plugin/Models/YOLO7/ObjectTypeBase.h"
+#include "Plugin/Models/YOLO7/ReId.h"
 #include "Plugin/Models/YOLO7/RenderState.h"
 #include "Plugin/Models/YOLO7/Segmentation.h"
 #include "Plugin/Models/YOLO7/TempState.h"
@@ -53,6 +54,7 @@ private:
     std::unordered_map<std::string, std::shared_ptr<SegmentationTempState>> segmentationStates;
     std::mutex renderMutex;
     std::shared_ptr<KalmanFilterBackendResources> kalman;
+    std::shared_ptr<ReIdBackendResources> reid;
 };
 
 }  // namespace ML::YOLO7
