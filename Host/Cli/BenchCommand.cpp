@@ -17,6 +17,7 @@
 #include "Host/Cli/SampleImage.h"
 #include "Host/Cli/Session.h"
 #include "Host/Cli/Targets.h"
+#include "Host/Media/MediaSource.h"
 
 namespace QCli {
 
@@ -123,13 +124,62 @@ Networks retimingNetworks(Session& session, const Options& o, const RenderReques
             "measuring the motion and joining the tiles counted as plug-in work"};
 }
 
+// The detector once per frame whose rows the plug-in computed, and the suppression network for
+// those where it found candidates (their rows are not all zero). Tracking, drawing and the JSON
+// count as plug-in work.
+Networks detectionNetworks(Session& session, const Options& o, const RenderRequest&, const TimedFrames& t) {
+    const std::string id = modelIdOf(session, o.target, o.model);
+    long detected = 0, suppressed = 0;
+    for (int f = 1; f <= t.frames; ++f) {
+        const ML::Ptr<ML::Buffer> rows = session.host().cache().find("nms_out_" + std::to_string(f) + "_" + id);
+        if (!rows) continue;
+        ++detected;
+        const auto* bytes = static_cast<const unsigned char*>(rows->getData());
+        if (std::any_of(bytes, bytes + rows->getSize(), [](unsigned char b) { return b != 0; })) ++suppressed;
+    }
+    Networks n{{networkOf(session, o.target, o.model, id + "_detector", detected)}, "tracking, shapes and JSON counted as plug-in work"};
+    if (suppressed) n.runs.push_back(networkOf(session, o.target, o.model, id + "_nms", suppressed));
+    return n;
+}
+
 const BenchTarget kBenchTargets[] = {
     {TARGET_OPTICAL_FLOW, 1920, 1080, 10, flowNetworks},
     {TARGET_RETIMING, 1920, 1080, 3, retimingNetworks},
     {1, 1920, 1080, 6, denoiseNetworks},
     {2, 640, 360, 3, upresNetworks},
     {TARGET_DEPTH, 1920, 1080, 10, depthNetworks},
+    {TARGET_FACE_DETECTION, 1920, 1080, 10, detectionNetworks},
+    {TARGET_PLATE_DETECTION, 1920, 1080, 10, detectionNetworks},
 };
+
+// The middle frame of a picture, sequence or video (clips often open on black), resampled
+// (bilinear) to width x height.
+QMedia::Frame benchPicture(const std::filesystem::path& input, int width, int height) {
+    QMedia::Frame source;
+    try {
+        auto media = QMedia::MediaSource::open(input);
+        const QMedia::FrameRange range = media->frameRange();
+        source = media->read(range.first + (range.last - range.first) / 2);
+    } catch (const std::exception& e) {
+        throw CliError::because(EXIT_HOST, "cannot read " + input.string(), e, input.string());
+    }
+    QMedia::Frame picture(width, height, 3, ML::U8);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const float fx = std::clamp((x + 0.5f) * source.width() / width - 0.5f, 0.0f, source.width() - 1.0f);
+            const float fy = std::clamp((y + 0.5f) * source.height() / height - 0.5f, 0.0f, source.height() - 1.0f);
+            const int x0 = static_cast<int>(fx), y0 = static_cast<int>(fy);
+            const int x1 = std::min(x0 + 1, source.width() - 1), y1 = std::min(y0 + 1, source.height() - 1);
+            const float ax = fx - x0, ay = fy - y0;
+            for (int c = 0; c < 3; ++c) {
+                const int sc = std::min(c, source.channels() - 1);
+                const float top = source.sample(x0, y0, sc) * (1 - ax) + source.sample(x1, y0, sc) * ax;
+                const float bottom = source.sample(x0, y1, sc) * (1 - ax) + source.sample(x1, y1, sc) * ax;
+                picture.setSample(x, y, c, top * (1 - ay) + bottom * ay);
+            }
+        }
+    return picture;
+}
 
 struct DirectRun {
     double total = 0;
@@ -242,7 +292,8 @@ double renderFrames(FrameRenderer& renderer, const QMedia::Frame& picture,
 int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     const auto* bench = std::find_if(std::begin(kBenchTargets), std::end(kBenchTargets),
                                      [&](const BenchTarget& b) { return b.target == o.target; });
-    if (bench == std::end(kBenchTargets)) throw UsageError("bench measures denoise, upres, optical-flow, retiming and depth only");
+    if (bench == std::end(kBenchTargets))
+        throw UsageError("bench measures denoise, upres, optical-flow, retiming, depth, face-detection and plate-detection only");
     const int width = o.benchWidth > 0 ? o.benchWidth : bench->width;
     const int height = o.benchHeight > 0 ? o.benchHeight : bench->height;
     const int frames = o.benchFrames > 0 ? o.benchFrames : bench->frames;
@@ -255,9 +306,13 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
         options.params.push_back(parseParam("200:float=2"));  // upscaling by 2 unless --scale says otherwise
     if (o.target == TARGET_OPTICAL_FLOW && neighbourOffsets(o.target, o.params).empty())
         options.params.push_back(parseParam("700:int=1"));  // flow to the next frame unless --offset says otherwise
-    const RenderRequest request = renderRequestFor(options);
+    // The detection effects track from the first timed frame (the warm-up walks up to it).
+    std::vector<ParamSetting> defaults = defaultParams(o.target, QMedia::FrameRange{1, frames});
+    options.params.insert(options.params.begin(), defaults.begin(), defaults.end());
+    const QMedia::Frame picture = o.input.empty() ? makeSampleImage(width, height) : benchPicture(o.input, width, height);
+    RenderRequest request = renderRequestFor(options);
+    request.sourceFrame = [&picture](int) { return picture; };  // the one picture stands for every frame
     FrameRenderer renderer(session, cancel, request);
-    const QMedia::Frame picture = makeSampleImage(width, height);
     const std::string modelId = modelIdOf(session, o.target, o.model);
     out << targetName(o.target) << " (" << modelId << ") of a " << width << "x" << height << " picture";
     if (request.outputScale != 1.0f) out << " scaled by " << request.outputScale;
@@ -314,6 +369,24 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     }
 
     const Networks networks = bench->networks(session, o, request, timed);
+    if (isDetectionTarget(o.target)) {
+        // The same frames from an emptied cache with tracking off, then once more with tracking
+        // on over the cached detections and states: the plug-in's own work per frame.
+        RenderRequest untracked = request;
+        untracked.params.push_back(parseParam("502:int=0"));
+        untracked.params.push_back(parseParam("503:int=0"));
+        FrameRenderer plain(session, cancel, untracked);
+        session.host().cache().clear();
+        double fresh = 0, cached = 0;
+        for (int i = 0; i < frames; ++i) fresh += plain.render(i + 1, picture, around(i + 1)).pluginSeconds;
+        for (int i = 0; i < frames; ++i) cached += renderer.render(i + 1, picture, around(i + 1)).pluginSeconds;
+        std::snprintf(line, sizeof line, "Without tracking:      %9.3f ms per frame, %.2f frames/s\n", fresh / frames * 1000.0,
+                      fresh > 0 ? frames / fresh : 0.0);
+        out << line;
+        std::snprintf(line, sizeof line, "Everything cached:     %9.3f ms per frame (states and detections from the cache)\n",
+                      cached / frames * 1000.0);
+        out << line;
+    }
     double direct = 0;
     for (const NetworkRuns& n : networks.runs) {
         DirectRun run;
