@@ -152,7 +152,7 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, co
     if (output1) result.output1 = toFrame(*output1, width, height);
     for (const BufferOutput& b : request_.buffers) {
         const auto buffer = settings->outputBuffer(frameNumber, {b.id, b.index});
-        if (!buffer || buffer->getSize() == 0) {
+        if (!buffer) {
             result.buffers.emplace_back(std::nullopt);
         } else {
             result.buffers.emplace_back(isJsonPath(b.path) ? QHost::bufferText(buffer) : QHost::bufferBytes(buffer));

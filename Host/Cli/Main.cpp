@@ -71,7 +71,7 @@ Render options:
                              says where each mask lies); needs --json
   --tracking MODE            faces: none, motion (the default) or advanced (appearance) ids
                              across frames (int parameter 502)
-  --smoothing MODE           none, gaussian (without tracking) or kalman (with tracking) (503)
+  --smoothing MODE           none, gaussian (needs --tracking none) or kalman (with tracking) (503)
   --smoothing-level L        gaussian: 0.25 to 2.5 (float parameter 505)
   --first-frame N            the frame where tracking starts (default: the first rendered) (504)
   --shape-scale S[,SY]       grow the drawn shapes by S across and SY down (default 1) (500, 501)

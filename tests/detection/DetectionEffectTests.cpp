@@ -300,7 +300,8 @@ TEST(DetectionEffect, ParsingBufferHasTheLayoutItsJsonDescribes) {
 }
 
 // A white plate with dark characters on a darker textured ground: one plate, in the plate's JSON
-// form, its corners around the drawn rectangle in the order that walks its edge.
+// form, its corners around the drawn rectangle in the order that walks its edge; its blurred
+// picture is made with the plate model's own tiles.
 TEST(DetectionEffect, PlatesComeAsPolygons) {
     const Rect plate{260, 180, 420, 220};
     auto scene = QHost::OwnedImage::make({0, 0, 640, 400}, Image::RGB, Image::HWC, ML::U8);
@@ -312,9 +313,14 @@ TEST(DetectionEffect, PlatesComeAsPolygons) {
             const int ground = 60 + (x * 7 + y * 13) % 40;
             for (int c = 0; c < 3; ++c) scene->at<ML::u8>(x, y, c) = static_cast<ML::u8>(ink ? 20 : onPlate ? 240 : ground);
         }
+    // Faces and plates share the effect but not their tile sizes: blur faces first.
+    Render faces;
+    faces.colorized = true;
+    renderJson(kFirst, faces);
     Render r;
     r.target = kPlates;
     r.tracking = 0;
+    r.colorized = true;
     r.input = [scene](int) { return scene; };
     const json objects = json::parse(renderJson(0, r))["objects"];
     ASSERT_EQ(objects.size(), 1u) << objects.dump();

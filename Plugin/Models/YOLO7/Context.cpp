@@ -1,5 +1,7 @@
 #include "Plugin/Models/YOLO7/Context.h"
 
+#include <algorithm>
+
 #include "Plugin/ModelCommon.h"
 #include "Plugin/JsonBuffer.h"
 #include "Plugin/Models/YOLO7/TrackerWalk.h"
@@ -78,6 +80,9 @@ std::vector<Detection> Context::detectionsOf(RenderState& rs, int frame) {
                                    [&](void* data, u64 bytes) { detectInto(rs, frame, data, bytes); });
     }
     if (!rows) ML_THROW("NMS detections buffer nullptr??");
+    if (rows->getSize() != rs.detectionBufferBytes)
+        ML_THROW("Detection buffer of " + std::to_string(rows->getSize()) + " bytes, expected " +
+                 std::to_string(rs.detectionBufferBytes));
     std::vector<Detection> out;
     decode_detections(out, rs.objectType->keypointCount, rows->getData(), rs.objectType->threshold, rs.roi.x0,
                       rs.roi.y0, static_cast<float>(rs.roi.width()) / static_cast<float>(rs.execW),
@@ -142,15 +147,18 @@ void Context::colorize_output(RenderState& rs) {
                                 std::to_string(rs.execW);
     auto& hs = hostStates[hostKey];
     if (!hs) hs = std::make_shared<TempState_Host>(rs.execH, rs.execW, *input, *mask);
-    if (!planMap) planMap = std::make_unique<TiledExecution::ExecutionPlanMap>(TiledExecution::toExecSizes(rs.info->availableTileSizes));
-    const TiledExecution::ExecutionPlan plan = TiledExecution::choosePlan(rs.roi, *planMap, rs.info->params.value("padding", 0));
+    auto& planMap = planMaps[rs.info->modelId];
+    if (!planMap)
+        planMap = std::make_unique<TiledExecution::ExecutionPlanMap>(TiledExecution::toExecSizes(rs.info->availableTileSizes));
+    const int padding = rs.info->params.is_object() ? rs.info->params.value("padding", 0) : 0;
+    const TiledExecution::ExecutionPlan plan = TiledExecution::choosePlan(rs.roi, *planMap, padding);
     if (!maskBlur) maskBlur = modelContext->loadModel("mask_blur");
     for (const TiledExecution::Tile& tile : plan.tiles) {
         if (rs.host->isCancelled(rs.call)) ML_THROW_CANCEL();
-        clearImage(hs->colorTile);
+        std::fill(hs->colorBytes.begin(), hs->colorBytes.end(), u8(0));
         copySlice(input, hs->colorTile, tile.srcRect, tile.srcTileRect);
         common->hostImageToTensor(hs->colorTile, ts.rgb, ts.detector.input);
-        clearImage(hs->maskTile);
+        std::fill(hs->maskBytes.begin(), hs->maskBytes.end(), u8(0));
         copySlice(mask, hs->maskTile, tile.srcRect, tile.srcTileRect);
         common->hostImageToTensor(hs->maskTile, ts.r, ts.mask);
         maskBlur->run({ts.detector.input, ts.mask}, {ts.color}, -1);

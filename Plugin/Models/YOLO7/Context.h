@@ -45,7 +45,8 @@ private:
     NetworkPair& networks(Host* host, u64 call, const std::string& modelId);
 
     ObjectTypeMap objectTypes;
-    std::unique_ptr<TiledExecution::ExecutionPlanMap> planMap;
+    // Plans of the colourised output, per model (faces and plates have different tile sizes).
+    std::unordered_map<std::string, std::unique_ptr<TiledExecution::ExecutionPlanMap>> planMaps;
     u32 dataType;
     std::unordered_map<std::string, std::shared_ptr<TempState>> tempStates;
     std::unordered_map<std::string, std::shared_ptr<TempState_Host>> hostStates;

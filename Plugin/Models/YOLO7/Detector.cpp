@@ -38,10 +38,13 @@ void detectorPass(ImageTensorConverter& converter, DetectorTensors& t, BackendMo
     }
 }
 
+std::string detectionRowsKey(u32 frame, const std::string& modelId) {
+    return "nms_out_" + std::to_string(frame) + "_" + modelId;
+}
+
 Ptr<Buffer> cachedDetectionRows(Host* host, u64 call, u32 frame, const std::string& modelId, int keypoints,
                                 const std::function<void(void* rows, u64 bytes)>& pass) {
-    const std::string key = "nms_out_" + std::to_string(frame) + "_" + modelId;
-    return computeCached(host, call, key, detectionBufferBytes(keypoints),
+    return computeCached(host, call, detectionRowsKey(frame, modelId), detectionBufferBytes(keypoints),
                          [&](Buffer& buffer) { pass(buffer.getData(), buffer.getSize()); });
 }
 

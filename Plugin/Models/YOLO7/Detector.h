@@ -36,6 +36,9 @@ struct DetectorTensors {
 void detectorPass(ImageTensorConverter& converter, DetectorTensors& tensors, BackendModel& detector,
                   BackendModel& suppression, const Ptr<Image>& image, void* rows, u64 rowsBytes);
 
+// The cache key of a frame's rows: "nms_out_<frame>_<modelId>", the frame as the host numbers it.
+std::string detectionRowsKey(u32 frame, const std::string& modelId);
+
 // The rows of `frame` for the model `modelId` (K keypoints): the host's cached buffer under
 // "nms_out_<frame>_<modelId>", or a new one that `pass(rows, bytes)` fills. Any render of the
 // frame later reads the rows without running a network, as long as the host keeps them.

@@ -2,6 +2,7 @@
 
 #include "Plugin/CachedCompute.h"
 #include "Plugin/ModelBase.h"
+#include "Plugin/Models/YOLO7/Detector.h"
 #include "Plugin/Models/YOLO7/ObjectTypeBase.h"
 #include "Plugin/Models/YOLO7/Util_.h"
 #include "Plugin/Smoothing.h"
@@ -15,7 +16,7 @@ Ptr<Buffer> findCached(Host* host, u64 call, const std::string& key) {
 }
 
 std::string detectionsKey(int frame, const std::string& modelId) {
-    return "nms_out_" + std::to_string(frame) + "_" + modelId;
+    return detectionRowsKey(static_cast<u32>(frame), modelId);
 }
 
 }  // namespace
@@ -50,7 +51,8 @@ RenderState readRenderState(Host* host, u64 call, const ModelInfo& info, const O
             ML_THROW("Face detection output colorized image should fully cover output rect retured by getROI");
     }
 
-    const std::string typeName = info.params.value("object_type", std::string());
+    const std::string typeName =
+        info.params.is_object() ? info.params.value("object_type", std::string()) : std::string();
     const auto type = types.find(typeName);
     if (type == types.end()) ML_THROW("unknown object detection type: " + typeName);
     rs.objectType = type->second;
@@ -82,8 +84,14 @@ RenderState readRenderState(Host* host, u64 call, const ModelInfo& info, const O
         ML_THROW("Invalid tracking mode returned: " + std::to_string(rs.trackerConfig.tracking_mode));
 
     const std::string modelId = info.modelId;
+    // Rows of another size under the key are not the detector's: the frame is detected again.
+    const u64 rowsBytes = detectionBufferBytes(rs.objectType->keypointCount);
+    const auto cachedRows = [&](int f) {
+        Ptr<Buffer> rows = findCached(host, call, detectionsKey(f, modelId));
+        return rows && rows->getSize() == rowsBytes ? rows : Ptr<Buffer>();
+    };
     const auto requireDetections = [&](int f) {
-        if (Ptr<Buffer> rows = findCached(host, call, detectionsKey(f, modelId))) rs.cached_detections[f] = rows;
+        if (Ptr<Buffer> rows = cachedRows(f)) rs.cached_detections[f] = rows;
         else fetchInputImage(f);
     };
 
@@ -106,8 +114,7 @@ RenderState readRenderState(Host* host, u64 call, const ModelInfo& info, const O
         plan_tracker_walk(host, call, static_cast<int>(rs.frame), rs.trackerConfig.first_frame, modelId, rs.walk,
                           [&](int f) {
                               if (!advanced) return requireDetections(f);
-                              if (Ptr<Buffer> rows = findCached(host, call, detectionsKey(f, modelId)))
-                                  rs.cached_detections[f] = rows;
+                              if (Ptr<Buffer> rows = cachedRows(f)) rs.cached_detections[f] = rows;
                               fetchInputImage(f);
                           });
     } else if (rs.trackerConfig.smoothing_mode == SMOOTHING_NONE) {

@@ -28,7 +28,6 @@ SegmentationTempState::SegmentationTempState(std::shared_ptr<ModelContext> conte
     tileOut = context->createTensor({1, c, 512, 512}, dataType);
     tileBlock.resize(tileIn->getByteSize());
     channelBytes = 512ull * 512ull * bytesPerElement(dataType);
-    channelImage = Ptr<Image>(new ImageImp(Rect{0, 0, 512, 512}, Image::R, Image::HWC, dataType, tileBlock.data(), 0, 0));
 }
 
 namespace {
@@ -72,18 +71,28 @@ void segment_objects(RenderState& rs, SegmentationTempState& st, ModelCommon& co
         grown.y1 = static_cast<i32>(std::fmin(y2 + padY, static_cast<float>(rs.roi.y1)));
         object["bbox"] = {grown.x0, grown.y0, grown.x1, grown.y1};
         boxes.push_back(grown);
-        total += static_cast<u64>(grown.width()) * static_cast<u64>(grown.height()) * static_cast<u64>(classes);
+        // A box rounded inward to nothing (a detection under a pixel wide) has no masks.
+        if (!grown.isEmpty())
+            total += static_cast<u64>(grown.width()) * static_cast<u64>(grown.height()) * static_cast<u64>(classes);
     }
     result["mask_classes"] = st.classes;
     result["mask_dtype"] = "U8";
     result["mask_buffer_size"] = total;
     rs.segmentationBuffer->resize(total);
+    if (rs.segmentationBuffer->getSize() != total || (total && !rs.segmentationBuffer->getData()))
+        ML_THROW("Could not resize segmentation output buffer to " + std::to_string(total) + " bytes");
 
     const Ptr<Image> frame = rs.input_images.at(static_cast<int>(rs.frame));
     const u64 c1 = static_cast<u64>(classes) + 1;
     u64 offset = 0;
     for (size_t i = 0; i < boxes.size(); ++i) {
         const Rect box = boxes[i];
+        nlohmann::json& masks = objects[i]["masks"];
+        masks = nlohmann::json::array();
+        if (box.isEmpty()) {
+            for (i32 c = 0; c < classes; ++c) masks.push_back({{"bbox", {box.x0, box.y0, box.x1, box.y1}}, {"buffer_offset", offset}});
+            continue;
+        }
         const i32 w = box.width(), h = box.height();
         common.hostImageToTensor(makeNewImageView(frame, box), st.rgbDesc, st.input);
         st.parser->run({st.input}, {st.logits}, -1);
@@ -92,8 +101,12 @@ void segment_objects(RenderState& rs, SegmentationTempState& st, ModelCommon& co
                                             st.dataType);
         void* logitsHost = st.boxLogitsHost.get(boxLogits->getByteSize());
         void* masksHost = st.boxMasksHost.get(boxLogits->getByteSize());
-        common.tensorToTensor(st.rDesc, st.logits, makeDescription(h, w, Image::R, Image::CHW, st.dataType), boxLogits);
-        boxLogits->download(logitsHost);
+        if (w == st.execW && h == st.execH) {
+            st.logits->download(logitsHost);  // already at the box's size
+        } else {
+            common.tensorToTensor(st.rDesc, st.logits, makeDescription(h, w, Image::R, Image::CHW, st.dataType), boxLogits);
+            boxLogits->download(logitsHost);
+        }
 
         const u64 planeBytes = static_cast<u64>(w) * static_cast<u64>(h) * bytesPerElement(st.dataType);
         const TiledExecution::ExecutionPlan& plan = st.planMap.get(Rect{0, 0, w, h}, 4);
@@ -120,8 +133,6 @@ void segment_objects(RenderState& rs, SegmentationTempState& st, ModelCommon& co
         const Ptr<Image> out(new ImageImp(Rect{0, 0, w, h}, Image::R, Image::CHW, U8,
                                           static_cast<u8*>(rs.segmentationBuffer->getData()) + offset, 0, 0));
         common.tensorToHostImage(makeDescription(h, w, Image::R, Image::CHW, st.dataType), boxMasks, out);
-        nlohmann::json& masks = objects[i]["masks"];
-        masks = nlohmann::json::array();
         for (i32 c = 0; c < classes; ++c) {
             masks.push_back({{"bbox", {box.x0, box.y0, box.x1, box.y1}}, {"buffer_offset", offset}});
             offset += static_cast<u64>(w) * static_cast<u64>(h);

@@ -37,7 +37,6 @@ struct SegmentationTempState {
     std::shared_ptr<BackendTensor> tileIn, tileOut;  // 1, C + 1, 512, 512
     std::vector<u8> tileBlock;                    // one tile tensor's bytes
     u64 channelBytes = 0;                         // 512 * 512 * element size
-    Ptr<Image> channelImage;                      // planar R 512 x 512 over one channel of tileBlock
     TiledExecution::ExecutionPlanMap planMap{{{512, 512}}};
     MultiTensor boxLogits, boxMasks;
     MultiBuffer boxLogitsHost, boxMasksHost;

@@ -18,8 +18,8 @@ namespace {
 
 Ptr<Image> tileLike(std::vector<u8>& bytes, const Image& like, i32 h, i32 w) {
     bytes.assign(static_cast<u64>(bytesPerPixel(like)) * static_cast<u64>(w) * static_cast<u64>(h), 0);
-    return Ptr<Image>(new ImageImp(Rect{0, 0, w, h}, like.getChannelFormat(), Image::HWC, like.getDataType(),
-                                   bytes.data(), 0, 0));
+    return Ptr<Image>(new ImageImp(Rect{0, 0, w, h}, like.getChannelFormat(), like.getMemoryLayout(),
+                                   like.getDataType(), bytes.data(), 0, 0));
 }
 
 }  // namespace
