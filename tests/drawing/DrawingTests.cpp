@@ -5,6 +5,7 @@
 
 #include <Imath/half.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <string>
@@ -125,6 +126,9 @@ const std::vector<OvalCase>& ovalCases() {
         {"thin upright", {0, 0, 12, 30}, {{6.3f, 15.2f, 1.6f, 11.0f, 0.0f}}, 0.035, 0.35, 0.0},
         {"union of two", {0, 0, 30, 22}, {{10.0f, 10.5f, 6.5f, 5.0f, 0.2f}, {17.3f, 11.2f, 6.0f, 7.5f, -0.4f}}, 0.01,
          0.08, 0.2},
+        // Pixels inside one circle and crossed by the other's outline are full.
+        {"one on the other's edge", {0, 0, 24, 20}, {{10.0f, 10.0f, 8.0f, 8.0f, 0.0f}, {15.0f, 10.0f, 3.3f, 3.3f, 0.0f}},
+         0.01, 0.08, 0.2},
         {"partly outside", {0, 0, 16, 14}, {{2.5f, 12.0f, 6.2f, 4.1f, 0.5f}, {15.0f, 1.0f, 3.3f, 5.5f, 0.0f}}, 0.01,
          0.08, 0.0},
         {"radius about 1", {0, 0, 16, 10}, {{5.1f, 5.5f, 1.35f, 0.9f, 0.0f}, {11.9f, 4.5f, 1.35f, 0.7f, 0.0f}}, 0.08,
@@ -160,16 +164,6 @@ TEST(FillOvals, CoverageMatchesSampledArea) {
             EXPECT_NEAR(e.drawnArea, e.trueArea, c.areaShare * e.trueArea + 0.5);
         }
     }
-}
-
-// A pixel inside one oval and on the outline of the other is wholly covered by the union.
-TEST(FillOvals, UnionTakesPixelsInsideEitherOvalAsFull) {
-    const std::vector<Oval> ovals = {{10.0f, 10.0f, 8.0f, 8.0f, 0.0f}, {15.0f, 10.0f, 3.3f, 3.3f, 0.0f}};
-    auto image = maskImage({0, 0, 24, 20}, ML::F32);
-    ML::fillOvals(image, ovals);
-    // Pixel (11, 9) lies well inside the first circle and the second one's outline crosses it.
-    EXPECT_FLOAT_EQ(coverageAt(*image, 11, 9), 1.0f);
-    EXPECT_FLOAT_EQ(coverageAt(*image, 11, 10), 1.0f);
 }
 
 TEST(FillOvals, OvalSmallerThanAPixelStillShows) {
@@ -253,9 +247,11 @@ TEST(OvalCoverage, SpansAreOrderedDisjointAndMerged) {
 struct PolygonCase {
     const char* name;
     Rect image;
-    std::vector<float> xy;  // one polygon
-    double vertexMaxError;  // per pixel near a vertex; 0.08 elsewhere
-    int vertexReach = 1;    // pixels around a vertex that count as near it (more for sharp tips)
+    std::vector<float> xy;             // the vertices of all polygons
+    double featureMaxError;            // per pixel near a vertex or where two outlines cross
+    int vertexReach = 1;               // pixels around a vertex that count as near it (more for sharp tips)
+    std::vector<ML::i32> counts = {};  // vertices of each polygon; empty: one polygon
+    double maxError = 0.08;            // per pixel elsewhere
 };
 
 const std::vector<PolygonCase>& polygonCases() {
@@ -269,61 +265,45 @@ const std::vector<PolygonCase>& polygonCases() {
         {"view with origin", {50, -30, 70, -12}, {53.4f, -27.1f, 67.2f, -25.6f, 65.5f, -14.4f, 54.1f, -16.8f}, 0.4},
         {"many vertices in a row", {0, 0, 20, 12}, {2.2f, 4.1f, 6.3f, 4.6f, 10.5f, 4.2f, 17.4f, 4.8f, 17.1f, 8.6f,
                                                     2.6f, 8.3f}, 0.4},
+        // Pixels inside one and crossed by the other's edge are full.
+        {"union of two", {0, 0, 24, 20}, {2.3f, 2.2f, 13.6f, 3.1f, 12.8f, 12.4f, 3.1f, 11.7f,
+                                          8.5f, 6.4f, 19.2f, 5.3f, 20.1f, 15.6f, 9.2f, 16.3f}, 0.4, 1, {4, 4}},
+        // A point and a segment before a quadrilateral: the quadrilateral still finds its coordinates.
+        {"fewer than three vertices skipped", {0, 0, 14, 12},
+         {1.0f, 1.0f, 2.0f, 2.0f, 11.0f, 11.0f, 3.5f, 2.5f, 10.5f, 2.5f, 10.5f, 8.5f, 3.5f, 8.5f}, 0.25, 1, {1, 2, 4}, 0.02},
     };
     return cases;
 }
 
 TEST(FillPolygons, CoverageMatchesSampledArea) {
     for (const PolygonCase& c : polygonCases()) {
+        const std::vector<ML::i32> counts = c.counts.empty() ? std::vector{static_cast<ML::i32>(c.xy.size() / 2)} : c.counts;
+        std::vector<std::vector<float>> drawn;  // the polygons of three or more vertices
+        for (size_t p = 0, at = 0; p < counts.size(); at += 2 * size_t(counts[p++]))
+            if (counts[p] >= 3) drawn.emplace_back(c.xy.begin() + long(at), c.xy.begin() + long(at + 2 * size_t(counts[p])));
+        const Inside inside = [&](double x, double y) {
+            return std::any_of(drawn.begin(), drawn.end(), [&](const auto& xy) { return insidePolygon(xy, x, y); });
+        };
+        const NearFeature feature = [&](int x, int y) {
+            int outlines = 0;
+            for (const auto& xy : drawn) {
+                if (vertexNear(xy, x, y, c.vertexReach)) return true;
+                outlines += outlineNear([&](double px, double py) { return insidePolygon(xy, px, py); }, x, y);
+            }
+            return outlines > 1;
+        };
         for (u32 type : kTypes) {
             SCOPED_TRACE(std::string(c.name) + ", type " + std::to_string(type));
             auto image = maskImage(c.image, type);
-            ML::fillPolygons(image, {c.xy, {static_cast<ML::i32>(c.xy.size() / 2)}});
-            const Errors e = compare(
-                *image, [&](double x, double y) { return insidePolygon(c.xy, x, y); },
-                [&](int x, int y) { return vertexNear(c.xy, x, y, c.vertexReach); });
+            ML::fillPolygons(image, {c.xy, counts});
+            const Errors e = compare(*image, inside, feature);
             EXPECT_GT(e.touched, 0);
             EXPECT_LT(e.mean, 0.01);
-            EXPECT_LT(e.max, 0.08);
-            EXPECT_LE(e.featureMax, c.vertexMaxError);
+            EXPECT_LT(e.max, c.maxError);
+            EXPECT_LE(e.featureMax, c.featureMaxError);
             EXPECT_NEAR(e.drawnArea, e.trueArea, 0.02 * e.trueArea + 0.5);
         }
     }
-}
-
-TEST(FillPolygons, OverlappingPolygonsGiveTheUnion) {
-    const std::vector<float> a = {2.3f, 2.2f, 13.6f, 3.1f, 12.8f, 12.4f, 3.1f, 11.7f};
-    const std::vector<float> b = {8.5f, 6.4f, 19.2f, 5.3f, 20.1f, 15.6f, 9.2f, 16.3f};
-    std::vector<float> both = a;
-    both.insert(both.end(), b.begin(), b.end());
-    auto image = maskImage({0, 0, 24, 20}, ML::F32);
-    ML::fillPolygons(image, {both, {4, 4}});
-    const Errors e = compare(
-        *image, [&](double x, double y) { return insidePolygon(a, x, y) || insidePolygon(b, x, y); },
-        [&](int x, int y) {
-            return vertexNear(both, x, y) || (outlineNear([&](double px, double py) { return insidePolygon(a, px, py); }, x, y) &&
-                                              outlineNear([&](double px, double py) { return insidePolygon(b, px, py); }, x, y));
-        });
-    EXPECT_LT(e.mean, 0.01);
-    EXPECT_LT(e.max, 0.08);
-    EXPECT_LT(e.featureMax, 0.4);
-    // Inside the first and crossed by the second's left edge.
-    EXPECT_FLOAT_EQ(coverageAt(*image, 8, 9), 1.0f);
-}
-
-TEST(FillPolygons, SkipsPolygonsOfFewerThanThreeVertices) {
-    // A point and a segment before a quadrilateral: the quadrilateral still finds its coordinates.
-    const std::vector<float> quad = {3.5f, 2.5f, 10.5f, 2.5f, 10.5f, 8.5f, 3.5f, 8.5f};
-    std::vector<float> xy = {1.0f, 1.0f, 2.0f, 2.0f, 11.0f, 11.0f};
-    xy.insert(xy.end(), quad.begin(), quad.end());
-    auto image = maskImage({0, 0, 14, 12}, ML::F32);
-    ML::fillPolygons(image, {xy, {1, 2, 4}});
-    const Errors e = compare(
-        *image, [&](double x, double y) { return insidePolygon(quad, x, y); },
-        [&](int x, int y) { return vertexNear(quad, x, y); });
-    EXPECT_LT(e.max, 0.02);
-    EXPECT_LT(e.featureMax, 0.25);
-    EXPECT_FLOAT_EQ(coverageAt(*image, 6, 5), 1.0f);
 }
 
 TEST(FillPolygons, PolygonsOutsideOrWithoutAreaDrawNothing) {
