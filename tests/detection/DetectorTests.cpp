@@ -82,12 +82,12 @@ using FaceDetector = testpkg::PackageSuite;
 
 QMedia::Frame videoFrame(const std::string& file, int n) { return QMedia::MediaSource::open(mediaDir / file)->read(n); }
 
-// Boxes measured once by eye (brow to chin, cheek to cheek) in the pictures' own pixels. BlazeFace
-// boxes are square in its 256x256 input, so on stretched 4:3 frames they come out wider: the
-// tolerance per edge is larger there. Weak hits (0.25 to 0.5) on the crowd or on fur are allowed,
-// up to a count.
+// Boxes measured once by eye (brow to chin, cheek to cheek) in the pictures' own pixels, found
+// through the plug-in's tensors and mapped back to the picture (the networks alone, on more
+// pictures, are measured in the tools tests). BlazeFace boxes are square in its 256x256 input, so on
+// stretched 4:3 frames they come out wider: the tolerance per edge is larger there. Weak hits (0.25
+// to 0.5) on the crowd are allowed, up to a count.
 TEST_F(FaceDetector, FindsTheFacesMeasuredByEye) {
-    QMedia::Frame black(320, 240, 3, ML::U8);
     const struct {
         const char* what;
         QMedia::Frame frame;
@@ -97,9 +97,6 @@ TEST_F(FaceDetector, FindsTheFacesMeasuredByEye) {
     } cases[] = {
         {"messi5", QMedia::readImage(mediaDir / "messi5.jpg"), {{212, 88, 258, 132}}, 15, 1},
         {"Megamind 120", videoFrame("Megamind.avi", 120), {{392, 190, 560, 355}}, 35, 0},
-        {"Megamind 180", videoFrame("Megamind.avi", 180), {{235, 170, 395, 320}}, 35, 0},
-        {"baboon (fur, no face)", QMedia::readImage(mediaDir / "baboon.jpg"), {}, 0, 2},
-        {"black", black, {}, 0, 0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
