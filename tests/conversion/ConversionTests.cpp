@@ -13,13 +13,15 @@
 #include <string>
 #include <vector>
 
-#include "Host/CollectingLogger.h"
 #include "Host/OwnedImage.h"
 #include "ML/Exception.h"
 #include "Plugin/ImageTensorConverter.h"
 #include "Plugin/ModelContext.h"
-#include "Plugin/PluginLogger.h"
 #include "Util/ML_Util.h"
+#include "util/ExpectMessage.h"
+#include "util/LogCapture.h"
+#include "util/PackageContext.h"
+#include "util/RawDescription.h"
 #include "util/TempDir.h"
 
 namespace {
@@ -30,25 +32,13 @@ using ML::u64;
 using ML::u8;
 using Owned = ML::Ptr<QHost::OwnedImage>;
 
-const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
-
 // One backend per test suite; every test builds its own converter on it.
-class Conversion : public ::testing::Test {
+class Conversion : public testpkg::PackageSuite {
 protected:
-    static void SetUpTestSuite() {
-        sharedContext = std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir / "config", packageDir / "models");
-    }
-    static void TearDownTestSuite() { sharedContext.reset(); }
-    void SetUp() override { converter = std::make_unique<ML::ImageTensorConverter>(sharedContext); }
+    void SetUp() override { converter = std::make_unique<ML::ImageTensorConverter>(context); }
     std::shared_ptr<ML::BackendTensor> tensor(const std::vector<u64>& shape, u32 type) {
-        return sharedContext->createTensor(shape, type);
+        return context->createTensor(shape, type);
     }
-
-public:
-    static ML::ModelContext* context() { return sharedContext.get(); }
-
-protected:
-    static inline std::shared_ptr<ML::ModelContext> sharedContext;
     std::unique_ptr<ML::ImageTensorConverter> converter;
 };
 
@@ -136,21 +126,6 @@ Planes bilinear(const Planes& in, int height, int width) {
     return out;
 }
 
-// Runs fn and checks that it throws a plug-in INTERNAL exception whose message ends with text.
-void expectPluginError(const std::function<void()>& fn, const std::string& text) {
-    try {
-        fn();
-        ADD_FAILURE() << "no exception, expected: " << text;
-    } catch (const ML::Exception& e) {
-        const std::string what = e.what();
-        EXPECT_EQ(e.source(), static_cast<u32>(ML::Exception::PLUGIN)) << what;
-        EXPECT_EQ(e.code(), static_cast<u32>(ML::Exception::INTERNAL)) << what;
-        const std::string tail = ": " + text;
-        EXPECT_TRUE(what.size() >= tail.size() && what.compare(what.size() - tail.size(), tail.size(), tail) == 0)
-            << "got: " << what << "\nexpected to end with: " << tail;
-    }
-}
-
 // One side of a conversion: a host image (converted through a view of region when that is not
 // the whole image) or a tensor of the whole rectangle's size.
 struct End {
@@ -194,11 +169,11 @@ struct Side {
     Owned image;
     std::shared_ptr<ML::BackendTensor> tensor;
     std::vector<u8> bytes;
-    Side(const End& e, int batch) : end(e) {
+    Side(const End& e, int batch, ML::ModelContext& context) : end(e) {
         if (e.host) {
             image = QHost::OwnedImage::make(e.whole, e.format, e.layout, e.type, e.rowPadding);
         } else {
-            tensor = Conversion::context()->createTensor(ML::shapeOfImage(*e.description(), batch), e.type);
+            tensor = context.createTensor(ML::shapeOfImage(*e.description(), batch), e.type);
             bytes.resize(batch * e.channels() * e.used().width() * e.used().height() * elementBytes(e.type));
         }
         std::fill_n(data(), size(), 0xAB);
@@ -270,9 +245,9 @@ TEST_F(Conversion, EveryPathAgainstTheReference) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
-        converter = std::make_unique<ML::ImageTensorConverter>(sharedContext);
+        converter = std::make_unique<ML::ImageTensorConverter>(context);
         const ML::Rect in = c.from.used(), out = c.to.used();
-        Side from(c.from, c.batch), to(c.to, c.batch);
+        Side from(c.from, c.batch, *context), to(c.to, c.batch, *context);
 
         // The source, and the same values as planes.
         Planes source(c.batch * c.from.channels(), in.height(), in.width());
@@ -368,24 +343,6 @@ TEST_F(Conversion, ScratchTargetShapeAndNetworksAreReused) {
     }
 }
 
-// A description whose fields are taken as given, so that values outside the tables can be tried.
-class RawDescription : public Image, public virtual ML::ReferenceImp {
-public:
-    RawDescription(u32 format, u32 layout, u32 type) : format(format), layout(layout), type(type) {}
-    ML::Rect getRect() const override { return {0, 0, 2, 2}; }
-    u32 getDataType() const override { return type; }
-    u32 getChannelFormat() const override { return format; }
-    u32 getMemoryLayout() const override { return layout; }
-    void* getData() override { return nullptr; }
-    const void* getData() const override { return nullptr; }
-    void setData(void*) override {}
-    u32 getRowBytes() const override { return 0; }
-    u32 getChannelBytes() const override { return 0; }
-
-private:
-    u32 format, layout, type;
-};
-
 TEST_F(Conversion, RefusalsWithTheirText) {
     const auto rgbChw = describe(2, 2, Image::RGB, Image::CHW, ML::F32);
     const auto planar = describe(4, 6, Image::RGB, Image::CHW, ML::F32);
@@ -434,13 +391,8 @@ TEST_F(Conversion, RefusalsWithTheirText) {
         {[] { ML::imageFormatKey(RawDescription(11, Image::HWC, ML::F32)); }, "Unknown channel format type"},
         {[&] { converter->tensorToTensor(rgbChw, t({1, 3, 2, 2}), rgbChw, t({1, 3, 2, 2})); }, "no change??"},
     };
-    QHost::CollectingLogger log;
-    ML::PluginLogger plugin(3);
-    ML::g_hostLogger = &log;
-    ML::g_pluginLogger = &plugin;
-    for (const auto& [call, message] : cases) expectPluginError(call, message);
-    ML::g_pluginLogger = nullptr;
-    ML::g_hostLogger = nullptr;
+    LogCapture log;
+    for (const auto& [call, message] : cases) expectMessage(call, message);
     // Only nothing to do is also warned about.
     EXPECT_EQ(log.lines(),
               std::vector<std::string>{"[Quillon] [W] Copying image tensor to image tensor of identical format?"});
@@ -457,7 +409,7 @@ TEST_F(Conversion, RefusalsWithTheirText) {
 
 TEST_F(Conversion, MissingHelperNetworkSurfacesAsTheLoadError) {
     TempDir empty;  // a model folder without any imgcvt network
-    auto context = std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir / "config", empty.path());
+    auto context = testpkg::cpuContext(empty.path());
     ML::ImageTensorConverter bare(context);
     std::string direct = "<no exception>";
     try {

@@ -24,7 +24,9 @@
 #include "Host/OwnedImage.h"
 #include "Plugin/PluginMain.h"
 
+#include "util/FramePicture.h"
 #include "util/InProcessPlugin.h"
+#include "util/PackageContext.h"
 
 namespace {
 
@@ -34,28 +36,16 @@ using ImagePtr = ML::Ptr<QHost::OwnedImage>;
 using inprocess::host;
 using inprocess::valueAt;
 using json = nlohmann::json;
+using testpkg::packageDir;
 
 constexpr int kFaces = 6, kPlates = 8;
 constexpr int kFirst = 1, kLast = 12;  // frame 0 of the clip is black
 
-const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
-const std::filesystem::path media = std::filesystem::path(QUILLON_SOURCE_DIR) / ".deps" / "media";
-
-ImagePtr picture(const QMedia::Frame& frame) {
-    auto image = QHost::OwnedImage::make({0, 0, frame.width(), frame.height()}, Image::RGB, Image::HWC, ML::U8);
-    for (int y = 0; y < frame.height(); ++y)
-        for (int x = 0; x < frame.width(); ++x)
-            for (int c = 0; c < 3; ++c)
-                image->at<ML::u8>(x, y, c) =
-                    static_cast<ML::u8>(255.0f * frame.sample(x, y, std::min(c, frame.channels() - 1)) + 0.5f);
-    return image;
-}
-
 const std::vector<ImagePtr>& clip() {
     static const std::vector<ImagePtr> frames = [] {
-        auto source = QMedia::MediaSource::open(media / "Megamind.avi");
+        auto source = QMedia::MediaSource::open(testpkg::mediaDir / "Megamind.avi");
         std::vector<ImagePtr> v;
-        for (int f = 0; f <= kLast; ++f) v.push_back(picture(source->read(f)));
+        for (int f = 0; f <= kLast; ++f) v.push_back(testpkg::picture(source->read(f)));
         return v;
     }();
     return frames;

@@ -1,7 +1,7 @@
 // The face tracker: the package's Kalman update against the filter's equations, matching and the
 // life of tracks on synthetic scenes, appearance matching, the walk over frames through the
-// in-memory host's compute cache in any order (evictions, corrupt states, two threads), and the
-// linking of detections for Gaussian smoothing.
+// in-memory host's compute cache in any order (evictions, corrupt states), and the linking of
+// detections for Gaussian smoothing.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,10 +10,8 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Host/CallSettings.h"
@@ -24,6 +22,8 @@
 #include "Plugin/Models/YOLO7/Tracker.h"
 #include "Plugin/Models/YOLO7/TrackerWalk.h"
 #include "Plugin/Models/YOLO7/Util_.h"
+#include "util/ExpectMessage.h"
+#include "util/PackageContext.h"
 
 namespace {
 
@@ -51,16 +51,15 @@ TrackerConfiguration motionConfig() {
     return c;
 }
 
-class Tracker : public ::testing::Test {
+class Tracker : public testpkg::PackageSuite {
 protected:
     static void SetUpTestSuite() {
-        const std::filesystem::path package = QUILLON_TEST_PACKAGE_DIR;
-        context = std::make_shared<ML::ModelContext>("ort_cpu", 0, package / "config", package / "models");
+        PackageSuite::SetUpTestSuite();
         kalman = std::make_shared<KalmanFilterBackendResources>(context, "kalman_cv");
     }
     static void TearDownTestSuite() {
         kalman.reset();
-        context.reset();
+        PackageSuite::TearDownTestSuite();
     }
 
     // The id that each reading of the frame went to (the track whose last reading it is), -1 for
@@ -76,7 +75,6 @@ protected:
         return ids;
     }
 
-    static inline std::shared_ptr<ML::ModelContext> context;
     static inline std::shared_ptr<KalmanFilterBackendResources> kalman;
 };
 
@@ -135,15 +133,6 @@ TEST_F(Tracker, FilterRingsAndEstimate) {
     EXPECT_EQ(s.current_estimate.scale, (Point{24, 12}));
     EXPECT_NEAR(std::abs(s.current_estimate.rot), 3.13f, 0.02f);
     EXPECT_EQ(s.current_estimate.bbox, reading({5, 6}).bbox);
-
-    // Only the stored keys, and a restored filter takes the rest from the defaults.
-    nlohmann::json j = s;
-    EXPECT_EQ(j.size(), 11u);
-    EXPECT_FALSE(j.contains("h"));
-    KalmanFilterState back = j.get<KalmanFilterState>();
-    EXPECT_EQ(back.h, (std::array<float, 8>{1, 0, 0, 0, 0, 1, 0, 0}));
-    EXPECT_EQ(back.history_length, 5);
-    EXPECT_EQ(back.past_rots, s.past_rots);
 }
 
 TEST(MatchGreedy, PairsInOrderOfCost) {
@@ -312,12 +301,10 @@ protected:
         int tracked = 0;  // frames run through the tracker
     };
 
-    static Render render(QHost::Host& host, int frame, int first, std::mutex* lock = nullptr) {
+    static Render render(QHost::Host& host, int frame, int first) {
         auto settings = std::make_shared<QHost::CallSettings>();
         settings->setFrame(static_cast<ML::u32>(frame));
         const ML::u64 call = host.beginCall(settings);
-        std::unique_lock<std::mutex> held;
-        if (lock) held = std::unique_lock<std::mutex>(*lock);
         TrackerConfiguration config = motionConfig();
         config.first_frame = first;
         TrackerWalkPlan plan;
@@ -400,30 +387,6 @@ TEST_F(TrackerWalk, SameIdsInAnyOrder) {
     }
 }
 
-TEST_F(TrackerWalk, TwoThreadsUnderTheRenderLock) {
-    constexpr int kFrames = 24;
-    const std::vector<Shown> expected = reference(kFrames);
-    QHost::Host host;
-    std::mutex renderLock;
-    std::vector<Shown> got(kFrames);
-    auto worker = [&](unsigned seed) {
-        std::vector<int> order(kFrames);
-        for (int i = 0; i < kFrames; ++i) order[i] = i;
-        std::mt19937 rng(seed);
-        std::shuffle(order.begin(), order.end(), rng);
-        for (int f : order) {
-            if (rng() % 4 == 0) host.cache().evict(trackerStateKey(static_cast<int>(rng() % kFrames), "fd0"));
-            Shown s = render(host, f, 0, &renderLock).shown;
-            if (seed == 1) got[static_cast<std::size_t>(f)] = std::move(s);
-            else EXPECT_EQ(s, expected[static_cast<std::size_t>(f)]) << "frame " << f;
-        }
-    };
-    std::thread other(worker, 2u);
-    worker(1u);
-    other.join();
-    EXPECT_EQ(got, expected);
-}
-
 TEST_F(TrackerWalk, PlanProgressCancellationAndStart) {
     QHost::Host host;
     const struct {
@@ -465,13 +428,8 @@ TEST_F(TrackerWalk, PlanProgressCancellationAndStart) {
     plan.frames_to_track = {5, 4};
     plan.tracker_states.clear();
     call = host.beginCall(std::make_shared<QHost::CallSettings>());
-    try {
-        run_tracker_walk(&host, call, motionConfig(), "fd0", plan, hooks);
-        ADD_FAILURE() << "no error";
-    } catch (const ML::Exception& e) {
-        EXPECT_NE(std::string(e.what()).find("expected exactly 1 previous tracker state to initialize processing??"),
-                  std::string::npos);
-    }
+    expectErrorWith([&] { run_tracker_walk(&host, call, motionConfig(), "fd0", plan, hooks); },
+                    "expected exactly 1 previous tracker state to initialize processing??");
     host.endCall(call);
 }
 
@@ -524,13 +482,8 @@ TEST(LinkDetections, KeepDropInterpolateAndJumps) {
 
     ML::Detection noKeypoints = box(120, 100, 40);
     noKeypoints.keypoints.clear();
-    try {
-        link_detections({{box(100, 100, 40)}, {}, {noKeypoints}});
-        ADD_FAILURE() << "no error";
-    } catch (const ML::Exception& e) {
-        EXPECT_NE(std::string(e.what()).find("cannot linear interpolate 2 detections w/ different amounts of keypoits!"),
-                  std::string::npos);
-    }
+    expectErrorWith([&] { link_detections({{box(100, 100, 40)}, {}, {noKeypoints}}); },
+                    "cannot linear interpolate 2 detections w/ different amounts of keypoits!");
 }
 
 }  // namespace

@@ -12,11 +12,10 @@
 #include <thread>
 #include <vector>
 
-#include "Host/CollectingLogger.h"
 #include "Host/OwnedImage.h"
-#include "ML/Exception.h"
-#include "Plugin/PluginLogger.h"
 #include "Plugin/TiledExecution.h"
+#include "util/ExpectMessage.h"
+#include "util/LogCapture.h"
 
 namespace {
 
@@ -27,22 +26,6 @@ using namespace ML::TiledExecution;
 // srcStart, srcEnd, srcTileStart, srcTileEnd, dstStart, dstEnd, dstTileStart, dstTileEnd
 Tile1D t(int a, int b, int c, int d, int e, int f, int g, int h) {
     return Tile1D{a, b, c, d, e, f, g, h};
-}
-
-// Passes when f throws an internal plug-in error whose text ends with ": " + message (the
-// message follows the source location).
-::testing::AssertionResult failsWith(const std::function<void()>& f, const std::string& message) {
-    std::string what = "no exception";
-    try {
-        f();
-    } catch (const ML::Exception& e) {
-        what = e.what();
-        const std::string tail = ": " + message;
-        if (e.source() == ML::Exception::PLUGIN && e.code() == ML::Exception::INTERNAL && what.size() >= tail.size() &&
-            what.compare(what.size() - tail.size(), tail.size(), tail) == 0)
-            return ::testing::AssertionSuccess();
-    }
-    return ::testing::AssertionFailure() << what << "\nexpected to end with: " << message;
 }
 
 TEST(MakeTiles1D, ExactLayouts) {
@@ -67,9 +50,8 @@ TEST(MakeTiles1D, ExactLayouts) {
     for (const Case& c : cases)
         EXPECT_EQ(makeTiles1D(c.start, c.end, c.exec, c.overlap), c.expected)
             << c.start << ".." << c.end << " exec " << c.exec << " overlap " << c.overlap;
-    EXPECT_TRUE(failsWith([] { makeTiles1D(0, 100, 64, 32); },
-                                       "execution size 64 must be larger than twice the overlap 32"));
-    EXPECT_TRUE(failsWith([] { makeTiles1D(0, 100, 64, -1); }, "tile overlap must not be negative: -1"));
+    expectMessage([] { makeTiles1D(0, 100, 64, 32); }, "execution size 64 must be larger than twice the overlap 32");
+    expectMessage([] { makeTiles1D(0, 100, 64, -1); }, "tile overlap must not be negative: -1");
 }
 
 // Checks the layout rules of the tiles of [s, e) and returns a description of the first fault.
@@ -152,7 +134,7 @@ TEST(ChoosePlan, CheapestSizeWinsAndTiesKeepTheEarlier) {
     }
     ExecutionPlanMap none({});
     for (int attempt = 0; attempt < 2; ++attempt)  // a failed lookup leaves the map usable
-        EXPECT_TRUE(failsWith([&] { none.get(Rect{0, 0, 10, 10}, 0); }, "no valid available execution plan?"));
+        expectMessage([&] { none.get(Rect{0, 0, 10, 10}, 0); }, "no valid available execution plan?");
 }
 
 TEST(ExecutionPlanMap, SameKeyGivesTheSameStoredPlan) {
@@ -260,11 +242,9 @@ TEST(InputMapping, ExactTilesAndErrors) {
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         const MappingCase& c = cases[i];
-        if (c.error) {
-            EXPECT_TRUE(failsWith([&] { c.map(); }, c.error)) << "case " << i;
-        } else {
-            EXPECT_EQ(c.map(), c.expected) << "case " << i;
-        }
+        SCOPED_TRACE(i);
+        if (c.error) expectMessage([&] { c.map(); }, c.error);
+        else EXPECT_EQ(c.map(), c.expected);
     }
 
     // A degenerate scale stays inside the input.
@@ -389,14 +369,11 @@ TEST(BorderPadding, RepeatsLastColumnRowAndCorner) {
         const auto& c = cases[i];
         Owned source = filled(c.sourceImage, c.format, c.layout, c.type, c.rowPadding, true);
         Owned tile = filled(c.tileImage, c.format, c.layout, c.type, c.rowPadding, false);
-        QHost::CollectingLogger log;
-        ML::PluginLogger plugin(ML::LOG_VERBOSE);
-        ML::g_hostLogger = &log;
-        ML::g_pluginLogger = &plugin;
-        copySrcToTileWithBorderPadding(Tile{c.src, c.srcTile, c.src, c.srcTile}, source, tile);
-        ML::g_pluginLogger = nullptr;
-        ML::g_hostLogger = nullptr;
-        EXPECT_EQ(log.lines(), c.leftTopWarned ? warnings : std::vector<std::string>{}) << "case " << i;
+        {
+            LogCapture log;
+            copySrcToTileWithBorderPadding(Tile{c.src, c.srcTile, c.src, c.srcTile}, source, tile);
+            EXPECT_EQ(log.lines(), c.leftTopWarned ? warnings : std::vector<std::string>{}) << "case " << i;
+        }
 
         // Inside the tile's source rectangle a copy, right of and below it the last column, row
         // and corner repeated, left of and above it untouched.
@@ -421,9 +398,8 @@ TEST(BorderPadding, RepeatsLastColumnRowAndCorner) {
 TEST(BorderPadding, TileImageMustStartAtTheOrigin) {
     Owned source = QHost::OwnedImage::make(Rect{0, 0, 4, 4}, Image::R, Image::HWC, ML::U8);
     Owned offTile = QHost::OwnedImage::make(Rect{1, 0, 9, 6}, Image::R, Image::HWC, ML::U8);
-    EXPECT_TRUE(failsWith(
-        [&] { copySrcToTileWithBorderPadding(Tile{Rect{0, 0, 4, 4}, Rect{1, 0, 5, 4}, {}, {}}, source, offTile); },
-        "expected tile rect to start at 0?"));
+    expectMessage([&] { copySrcToTileWithBorderPadding(Tile{Rect{0, 0, 4, 4}, Rect{1, 0, 5, 4}, {}, {}}, source, offTile); },
+                  "expected tile rect to start at 0?");
 }
 
 }  // namespace
