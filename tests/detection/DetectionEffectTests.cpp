@@ -214,8 +214,11 @@ TEST(DetectionEffect, SameJsonWhateverTheOrderOfRendersAndTheCache) {
         const std::map<int, std::string> texts = jsonInOrder(c.order, c.between);
         for (const auto& [frame, text] : texts) EXPECT_EQ(text, reference.at(frame)) << c.name << ", frame " << frame;
     }
+}
 
-    // Two host threads rendering interleaved frames of an emptied cache.
+// Two host threads rendering interleaved frames of an emptied cache, one forward, one backward.
+TEST(DetectionEffect, TwoHostThreadsGiveTheSameJson) {
+    const std::map<int, std::string>& reference = forwardJson();
     host().cache().clear();
     std::map<int, std::string> texts[2];
     std::thread second([&] {
