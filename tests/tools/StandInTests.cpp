@@ -72,15 +72,6 @@ std::vector<float> bicubicReference(const Tensor& img, int s) {
     return out;
 }
 
-// A window of a 1x3xHxW tensor.
-Tensor crop(const Tensor& t, int64_t y0, int64_t x0, int64_t h, int64_t w) {
-    std::vector<float> v;
-    for (int64_t c = 0; c < 3; ++c)
-        for (int64_t y = 0; y < h; ++y)
-            for (int64_t x = 0; x < w; ++x) v.push_back(pixel(t, c, y0 + y, x0 + x));
-    return planar(h, w, v, t.type);
-}
-
 }  // namespace
 
 TEST(UpresStandIn, BicubicAtEachScaleAndLocalToTiles) {

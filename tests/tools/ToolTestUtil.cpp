@@ -159,6 +159,14 @@ std::vector<std::string> signature(Network& net) {
     return out;
 }
 
+Tensor crop(const Tensor& t, int64_t y0, int64_t x0, int64_t h, int64_t w) {
+    std::vector<float> v;
+    for (int64_t c = 0; c < t.shape[1]; ++c)
+        for (int64_t y = 0; y < h; ++y)
+            for (int64_t x = 0; x < w; ++x) v.push_back(pixel(t, c, y0 + y, x0 + x));
+    return makeTensor(t.type, {1, t.shape[1], h, w}, v);
+}
+
 std::vector<float> randomValues(size_t n, unsigned seed, float lo, float hi) {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> d(lo, hi);

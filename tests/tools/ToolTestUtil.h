@@ -53,6 +53,8 @@ inline float& pixel(Tensor& t, int64_t c, int64_t y, int64_t x) {
     return t.values[static_cast<size_t>((c * t.shape[2] + y) * t.shape[3] + x)];
 }
 inline float pixel(const Tensor& t, int64_t c, int64_t y, int64_t x) { return pixel(const_cast<Tensor&>(t), c, y, x); }
+// The window of h x w at (y0, x0) of every channel of a 1xCxHxW tensor.
+Tensor crop(const Tensor& t, int64_t y0, int64_t x0, int64_t h, int64_t w);
 
 // n deterministic values, uniform in lo..hi.
 std::vector<float> randomValues(size_t n, unsigned seed, float lo = -1.0f, float hi = 1.0f);
