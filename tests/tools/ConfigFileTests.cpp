@@ -26,6 +26,21 @@ void expectNamedNetworksExist(const nlohmann::json& j, const std::vector<std::st
     }
 }
 
+// The tile a model runs at is the picture size its networks take, where they take a fixed one.
+void expectTileFitsTheNetworks(const nlohmann::json& model, const std::vector<std::string>& networks) {
+    const nlohmann::json& tile = model["params"]["availableTileSizes"][0];
+    const std::string id = model["modelId"];
+    for (const std::string& file : networks) {
+        if (file.rfind(id, 0) != 0 || fs::path(file).extension() != ".onnx") continue;
+        Network net(packageModelFolder() / file);
+        for (size_t i = 0; i < net.session.GetInputCount(); ++i) {
+            const std::vector<int64_t> s = net.session.GetInputTypeInfo(i).GetTensorTypeAndShapeInfo().GetShape();
+            if (s.size() != 4 || s[2] <= 0 || s[3] <= 0 || s[2] * s[3] == 1) continue;  // free, or parameters
+            EXPECT_EQ(std::pair(s[2], s[3]), std::pair(tile["execH"].get<int64_t>(), tile["execW"].get<int64_t>())) << file;
+        }
+    }
+}
+
 }  // namespace
 
 TEST(ConfigFiles, SixteenFilesOfWellFormedModelsNamingPackagedNetworks) {
@@ -43,6 +58,7 @@ TEST(ConfigFiles, SixteenFilesOfWellFormedModelsNamingPackagedNetworks) {
         if (types.count(file)) {
             EXPECT_EQ(j["availableModels"][0]["modelType"], types.at(file));
             expectNamedNetworksExist(j, networks);
+            expectTileFitsTheNetworks(j["availableModels"][0], networks);
         }
         for (const nlohmann::json& m : j["availableModels"]) {
             for (const char* k : {"modelType", "modelId", "modelDisplayName", "modelDescription"})
