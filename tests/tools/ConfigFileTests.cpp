@@ -1,6 +1,9 @@
 // The configuration files of the default package, plain and encrypted.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <map>
+
 #include <nlohmann/json.hpp>
 
 #include "ToolTestUtil.h"
@@ -9,14 +12,54 @@
 
 using namespace tooltest;
 
-TEST(ConfigFiles, SixteenFilesOfWellFormedModels) {
-    const std::vector<std::string> files = listFiles(packageConfigFolder());
+namespace {
+
+// Every network a configuration names (modelId, maxModelId, kalman_name, at any depth): each must
+// be in the package, as that file or as the first part of its files' names ("_stage1", "_2x", ...).
+void expectNamedNetworksExist(const nlohmann::json& j, const std::vector<std::string>& files) {
+    for (const auto& [key, value] : j.items()) {
+        if (value.is_structured()) expectNamedNetworksExist(value, files);
+        if (!value.is_string() || (key != "modelId" && key != "maxModelId" && key != "kalman_name")) continue;
+        const std::string name = value;
+        EXPECT_TRUE(std::any_of(files.begin(), files.end(), [&](const std::string& f) { return f.rfind(name, 0) == 0; }))
+            << key << " " << name;
+    }
+}
+
+// The tile a model runs at is the picture size its networks take, where they take a fixed one.
+void expectTileFitsTheNetworks(const nlohmann::json& model, const std::vector<std::string>& networks) {
+    const nlohmann::json& tile = model["params"]["availableTileSizes"][0];
+    const std::string id = model["modelId"];
+    for (const std::string& file : networks) {
+        if (file.rfind(id, 0) != 0 || fs::path(file).extension() != ".onnx") continue;
+        Network net(packageModelFolder() / file);
+        for (size_t i = 0; i < net.session.GetInputCount(); ++i) {
+            const std::vector<int64_t> s = net.session.GetInputTypeInfo(i).GetTensorTypeAndShapeInfo().GetShape();
+            if (s.size() != 4 || s[2] <= 0 || s[3] <= 0 || s[2] * s[3] == 1) continue;  // free, or parameters
+            EXPECT_EQ(std::pair(s[2], s[3]), std::pair(tile["execH"].get<int64_t>(), tile["execW"].get<int64_t>())) << file;
+        }
+    }
+}
+
+}  // namespace
+
+TEST(ConfigFiles, SixteenFilesOfWellFormedModelsNamingPackagedNetworks) {
+    const std::vector<std::string> files = listFiles(packageConfigFolder()), networks = listFiles(packageModelFolder());
     EXPECT_EQ(files.size(), 16u);
+    // The files whose networks the package ships, and the family their first model is read as.
+    const std::map<std::string, std::string> types{{"depth_config.json", "da2"},         {"denoiser_config.json", "fdvd"},
+                                                   {"lp_detection_config.json", "y7"},  {"face_detection_config.json", "y7"},
+                                                   {"optical_flow_config.json", "raft"}, {"retiming_config.json", "rife"}};
     for (const std::string& file : files) {
         SCOPED_TRACE(file);
         EXPECT_EQ(file.substr(file.size() - 12), "_config.json");
         const nlohmann::json j = nlohmann::json::parse(ML::readBinaryFile(packageConfigFolder() / file));
         ASSERT_GE(j.at("availableModels").size(), 1u);
+        if (types.count(file)) {
+            EXPECT_EQ(j["availableModels"][0]["modelType"], types.at(file));
+            expectNamedNetworksExist(j, networks);
+            expectTileFitsTheNetworks(j["availableModels"][0], networks);
+        }
         for (const nlohmann::json& m : j["availableModels"]) {
             for (const char* k : {"modelType", "modelId", "modelDisplayName", "modelDescription"})
                 EXPECT_FALSE(m.at(k).get<std::string>().empty()) << k;
@@ -24,75 +67,14 @@ TEST(ConfigFiles, SixteenFilesOfWellFormedModels) {
             ASSERT_EQ(tiles.size(), 1u);
             EXPECT_GT(tiles[0].at("execH").get<int>(), 0);
             EXPECT_GT(tiles[0].at("execW").get<int>(), 0);
-        }
-        const nlohmann::json& m = j["availableModels"][0];
-        const nlohmann::json& tiles = m.at("params").at("availableTileSizes");
-        // Depth names its stand-in networks, with their tile.
-        if (file == "depth_config.json") {
-            EXPECT_EQ(m["modelType"], "da2");
-            EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":256,"execW":256}])"));
-            for (const char* suffix : {".onnx", "_colorize.onnx"})
-                EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
-        }
-        // The denoiser names its two stages.
-        if (file == "denoiser_config.json") {
-            EXPECT_EQ(m["modelType"], "fdvd");
-            for (const char* suffix : {"_stage1.onnx", "_stage2.onnx"})
-                EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
-        }
-        // The plate detector: its two networks, the execution size they are made for.
-        if (file == "lp_detection_config.json") {
-            EXPECT_EQ(m["modelType"], "y7");
-            EXPECT_EQ(m["modelId"], "lp_detection_standin");
-            EXPECT_EQ(m["params"], nlohmann::json::parse(
-                                       R"({"object_type":"lp","padding":64,"availableTileSizes":[{"execH":384,"execW":640}]})"));
-            for (const char* suffix : {"_detector.onnx", "_nms.onnx"})
-                EXPECT_TRUE(fs::exists(packageModelFolder() / (m["modelId"].get<std::string>() + suffix))) << suffix;
-        }
-        // Faces: the imported detector pair, the blur and the face-parsing networks it names.
-        if (file == "face_detection_config.json") {
-            EXPECT_EQ(m["modelType"], "y7");
-            EXPECT_EQ(m["params"]["object_type"], "face");
-            EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":768,"execW":1280}])"));
-            const nlohmann::json& seg = m["params"].at("faceseg_config");
-            EXPECT_EQ(seg.at("classes"), nlohmann::json::parse(R"(["skin"])"));
-            for (const std::string name : {m["modelId"].get<std::string>() + "_detector",
-                                           m["modelId"].get<std::string>() + "_nms", std::string("mask_blur"),
-                                           seg["modelId"].get<std::string>(), std::string("imgcvt/logits_to_masks_aa_F16")})
-                EXPECT_TRUE(fs::exists(packageModelFolder() / (name + ".onnx"))) << name;
-            EXPECT_EQ(m["params"].at("tracking_config"),
-                      nlohmann::json::parse(R"({"kalman_name":"kalman_cv","reid_execH":112,"reid_execW":112,)"
-                                            R"("reid_name":"face_embedding"})"));
-            EXPECT_TRUE(fs::exists(packageModelFolder() / "kalman_cv.onnx"));
-        }
-        // Optical flow and retiming name their stand-in networks, with their tiles; retiming's
-        // flow pass names the flow network and the largest-value network.
-        if (file == "optical_flow_config.json") {
-            EXPECT_EQ(m["modelType"], "raft");
-            EXPECT_EQ(m["params"]["archId"], "pyramidal_lk");
-            EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":288,"execW":512}])"));
-            for (const std::string name : {m["modelId"].get<std::string>(), std::string("flow_viz-288x512")})
-                EXPECT_TRUE(fs::exists(packageModelFolder() / (name + ".onnx"))) << name;
-        }
-        if (file == "retiming_config.json") {
-            EXPECT_EQ(m["modelType"], "rife");
-            EXPECT_EQ(tiles, nlohmann::json::parse(R"([{"execH":384,"execW":384}])"));
-            const nlohmann::json& flow = m["params"].at("flowEst");
-            EXPECT_EQ(flow, nlohmann::json::parse(
-                                R"({"execH":288,"execW":512,"modelId":"optical_flow_standin","maxModelId":"flow_max"})"));
-            for (const std::string name : {m["modelId"].get<std::string>(), flow["modelId"].get<std::string>(),
-                                           flow["maxModelId"].get<std::string>(), std::string("imgcvt/blend_F32_1x3x384x384")})
-                EXPECT_TRUE(fs::exists(packageModelFolder() / (name + ".onnx"))) << name;
-        }
-        // Upscalers: every scale's padding is a whole number of its output pixels, and the
-        // network of each scale is in the package.
-        for (const nlohmann::json& model : j["availableModels"]) {
-            if (model["modelType"] != "plksr") continue;
-            for (const nlohmann::json& s : model["params"].at("scales")) {
+            // Upscalers: every scale's padding is a whole number of its output pixels, and the
+            // network of each scale is in the package.
+            if (m["modelType"] != "plksr") continue;
+            for (const nlohmann::json& s : m["params"].at("scales")) {
                 const int scale = s.at("scale");
                 EXPECT_EQ(s.at("padding").get<int>() % scale, 0);
-                EXPECT_TRUE(fs::exists(packageModelFolder() / (model["modelId"].get<std::string>() + "_" +
-                                                               std::to_string(scale) + "x.onnx")));
+                EXPECT_TRUE(fs::exists(packageModelFolder() /
+                                       (m["modelId"].get<std::string>() + "_" + std::to_string(scale) + "x.onnx")));
             }
         }
     }

@@ -58,8 +58,7 @@ TEST(MaskBlur, BlursWhereTheMaskIsAndKeepsTheRest) {
     for (int64_t y = 0; y < h; ++y)
         for (int64_t x = w / 2; x < w; ++x) mask[static_cast<size_t>(y * w + x)] = x < w / 2 + 10 ? 0.5f : 1.0f;
     const Tensor color = makeTensor(ML::F16, {1, 3, h, w}, rgb);
-    const Tensor out =
-        Network(packageModelFolder() / "mask_blur.onnx").run1({color, makeTensor(ML::F16, {1, 1, h, w}, mask)});
+    const Tensor out = packageNetwork("mask_blur").run1({color, makeTensor(ML::F16, {1, 1, h, w}, mask)});
     const std::vector<float> blurred = boxBlurReference(color.values, 3, h, w);
     for (size_t i = 0; i < out.values.size(); ++i) {
         const float m = mask[i % static_cast<size_t>(h * w)];
@@ -71,21 +70,14 @@ TEST(MaskBlur, BlursWhereTheMaskIsAndKeepsTheRest) {
 // A tile with kReach pixels of padding gives the same centre as the whole picture.
 TEST(MaskBlur, ReachIsWithinThePadding) {
     constexpr int64_t h = 40, w = 300, x0 = 120, tileW = 2 * kReach + 20;
-    const std::vector<float> rgb = texture(3, h, w);
-    const std::vector<float> ones(static_cast<size_t>(h * w), 1.0f);
-    Network net(packageModelFolder() / "mask_blur.onnx");
-    const Tensor whole = net.run1({makeTensor(ML::F16, {1, 3, h, w}, rgb), makeTensor(ML::F16, {1, 1, h, w}, ones)});
-    std::vector<float> crop;
-    for (int64_t c = 0; c < 3; ++c)
-        for (int64_t y = 0; y < h; ++y)
-            for (int64_t x = x0; x < x0 + tileW; ++x) crop.push_back(rgb[static_cast<size_t>((c * h + y) * w + x)]);
-    const Tensor tile = net.run1({makeTensor(ML::F16, {1, 3, h, tileW}, crop),
-                                  makeTensor(ML::F16, {1, 1, h, tileW}, std::vector<float>(crop.size() / 3, 1.0f))});
+    const Tensor rgb = planar(h, w, texture(3, h, w), ML::F16), tile = crop(rgb, 0, x0, h, tileW);
+    auto ones = [](int64_t width) { return makeTensor(ML::F16, {1, 1, h, width}, std::vector<float>(size_t(h * width), 1.0f)); };
+    Network net = packageNetwork("mask_blur");
+    const Tensor whole = net.run1({rgb, ones(w)}), part = net.run1({tile, ones(tileW)});
     for (int64_t c = 0; c < 3; ++c)
         for (int64_t y = 0; y < h; ++y)
             for (int64_t x = kReach; x < tileW - kReach; ++x)
-                ASSERT_NEAR(tile.values[static_cast<size_t>((c * h + y) * tileW + x)],
-                            whole.values[static_cast<size_t>((c * h + y) * w + x0 + x)], 2e-3f);
+                ASSERT_NEAR(pixel(part, c, y, x), pixel(whole, c, y, x0 + x), 2e-3f);
 }
 
 TEST(LogitsToMasks, SoftmaxOverClassesInBothTypes) {
@@ -94,9 +86,8 @@ TEST(LogitsToMasks, SoftmaxOverClassesInBothTypes) {
     for (size_t i = 0; i < logits.size(); ++i) logits[i] = std::sin(0.37f * static_cast<float>(i % 977)) * 4.0f;
     for (int64_t p = 0; p < t; ++p) logits[static_cast<size_t>(p)] = 10.0f;  // a row of certain background
     for (ML::u32 type : {ML::F16, ML::F32}) {
-        const std::string file = type == ML::F16 ? "logits_to_masks_aa_F16.onnx" : "logits_to_masks_aa_F32.onnx";
-        const Tensor in = makeTensor(type, {1, classes, t, t}, logits);
-        const Tensor out = Network(packageModelFolder() / "imgcvt" / file).run1({in});
+        const std::string file = type == ML::F16 ? "imgcvt/logits_to_masks_aa_F16" : "imgcvt/logits_to_masks_aa_F32";
+        const Tensor in = makeTensor(type, {1, classes, t, t}, logits), out = packageNetwork(file).run1({in});
         for (int64_t p = 0; p < t * t; p += 37) {
             double sum = 0;
             for (int64_t c = 0; c < classes; ++c) sum += std::exp(in.values[static_cast<size_t>(c * t * t + p)]);
@@ -121,13 +112,10 @@ TEST(FaceParsingStandIn, MarksSkinInTheMiddleOfTheCrop) {
             const float* col = u * u + v * v < 1.0f ? skin : green;
             for (int c = 0; c < 3; ++c) rgb[static_cast<size_t>((c * e + y) * e + x)] = col[c];
         }
-    const Tensor logits =
-        Network(packageModelFolder() / "face_parsing_standin.onnx").run1({makeTensor(ML::F16, {1, 3, e, e}, rgb)});
+    const Tensor logits = packageNetwork("face_parsing_standin").run1({planar(e, e, rgb, ML::F16)});
     ASSERT_EQ(logits.shape, (std::vector<int64_t>{1, 2, e, e}));
     const auto skinProbability = [&](int64_t x, int64_t y) {
-        const float b = logits.values[static_cast<size_t>(y * e + x)];
-        const float s = logits.values[static_cast<size_t>((e + y) * e + x)];
-        return 1.0f / (1.0f + std::exp(b - s));
+        return 1.0f / (1.0f + std::exp(pixel(logits, 0, y, x) - pixel(logits, 1, y, x)));
     };
     EXPECT_GT(skinProbability(e / 2, e / 2), 0.9f);
     EXPECT_LT(skinProbability(e / 2 + 55, e / 2 - 60), 0.3f);  // green inside the oval's reach

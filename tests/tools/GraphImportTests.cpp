@@ -213,43 +213,40 @@ TEST(GraphImport, ElementwiseOpsBroadcastInChannelsFirstLayout) {
 // attribute dropped, and Select or LogicalAnd taking the wrong branch.
 TEST(GraphImport, UnaryOpsAndSelection) {
     const Tensor x = noiseTensor({1, 2, 3, 2}, 6);
+    const json toFloat = {{"SrcT", {{"type", "DT_BOOL"}}}, {"DstT", {{"type", "DT_FLOAT"}}}};
     const struct {
-        std::string op;
+        std::string what;
+        std::function<void(Graph&)> build;  // node "y" from input "x"
         std::function<float(float)> f;
-        json attr = json::object();
     } cases[] = {
-        {"Relu6", [](float v) { return std::min(std::max(v * 8, 0.0f), 6.0f); }},  // of 8x: past 6
-        {"LeakyRelu", [](float v) { return v > 0 ? v : 0.3f * v; }, {{"alpha", F(0.3)}}},
-        {"Square", [](float v) { return v * v; }},
-        {"Rsqrt", [](float v) { return 1 / std::sqrt(std::fabs(v) + 1); }},  // of |x| + 1
+        {"Relu6 of 8x (past 6)",
+         [](Graph& g) { g.node("y", "Relu6", {g.node("p", "Mul", {"x", g.weight("k", {}, {8})})}); },
+         [](float v) { return std::min(std::max(v * 8, 0.0f), 6.0f); }},
+        {"LeakyRelu", [](Graph& g) { g.node("y", "LeakyRelu", {"x"}, {{"alpha", F(0.3)}}); },
+         [](float v) { return v > 0 ? v : 0.3f * v; }},
+        {"Square", [](Graph& g) { g.node("y", "Square", {"x"}); }, [](float v) { return v * v; }},
+        {"Rsqrt of |x| + 1",
+         [](Graph& g) { g.node("y", "Rsqrt", {g.node("p", "AddV2", {g.node("a", "Abs", {"x"}), g.weight("k", {}, {1})})}); },
+         [](float v) { return 1 / std::sqrt(std::fabs(v) + 1); }},
+        {"SelectV2(x > 0.25, x, -x)",
+         [](Graph& g) {
+             const std::string big = g.node("big", "Greater", {"x", g.weight("k", {}, {0.25f})});
+             g.node("y", "SelectV2", {big, "x", g.node("n", "Neg", {"x"})});
+         },
+         [](float v) { return v > 0.25f ? v : -v; }},
+        {"LogicalAnd(x > -0.5, x < 0.5) cast to float",
+         [&](Graph& g) {
+             const std::string gt = g.node("gt", "Greater", {"x", g.weight("lo", {}, {-0.5f})}),
+                               lt = g.node("lt", "Less", {"x", g.weight("hi", {}, {0.5f})});
+             g.node("y", "Cast", {g.node("and", "LogicalAnd", {gt, lt})}, toFloat);
+         },
+         [](float v) { return float(v > -0.5f && v < 0.5f); }},
     };
     for (const auto& k : cases) {
-        const Tensor y = runY(x, [&](Graph& g) {
-            std::string in = "x";
-            if (k.op == "Rsqrt") in = g.node("p", "AddV2", {g.node("a", "Abs", {"x"}), g.weight("one", {}, {1.0f})});
-            if (k.op == "Relu6") in = g.node("p", "Mul", {"x", g.weight("eight", {}, {8.0f})});
-            g.node("y", k.op, {in}, k.attr);
-        });
         std::vector<float> want;
         for (float v : x.values) want.push_back(k.f(v));
-        expectClose(y, x.shape, want, k.op);
+        expectClose(runY(x, k.build), x.shape, want, k.what);
     }
-    // Select(x > 0.25, x, -x) and LogicalAnd(x > -0.5, x < 0.5) cast back to float.
-    Graph g;
-    g.input("x", x.shape);
-    g.node("sel", "SelectV2",
-           {g.node("big", "Greater", {"x", g.weight("quarter", {}, {0.25f})}), "x", g.node("neg", "Neg", {"x"})});
-    g.node("mid", "LogicalAnd",
-           {g.node("gt", "Greater", {"x", g.weight("lo", {}, {-0.5f})}),
-            g.node("lt", "Less", {"x", g.weight("hi", {}, {0.5f})})});
-    g.node("midf", "Cast", {"mid"}, {{"SrcT", {{"type", "DT_BOOL"}}}, {"DstT", {{"type", "DT_FLOAT"}}}});
-    g.output("sel");
-    g.output("midf");
-    const Imported r = g.run({x});
-    std::vector<float> sel, mid;
-    for (float v : x.values) sel.push_back(v > 0.25f ? v : -v), mid.push_back(v > -0.5f && v < 0.5f);
-    expectClose(r.outputs.at(0), x.shape, sel, "select");
-    expectClose(r.outputs.at(1), x.shape, mid, "logical and");
 }
 
 // x(0, h, w, c) = (h*3 + w)*4 + c for a 1x2x3x4 input: every expected element is worked out from

@@ -20,7 +20,7 @@ TEST(DepthStandIn, DepthIsOneMinusLuminanceAndColorizeIsAJetRamp) {
         rgb.values[static_cast<size_t>(c * kPlane + c)] = 1.0f;
         rgb.values[static_cast<size_t>(c * kPlane + 3)] = 0.5f;
     }
-    const Tensor depth = Network(packageModelFolder() / "depth_standin.onnx").run1({rgb});
+    const Tensor depth = packageNetwork("depth_standin").run1({rgb});
     ASSERT_EQ(depth.shape, (std::vector<int64_t>{1, 1, kTile, kTile}));
     const float want[] = {1 - 0.2126f, 1 - 0.7152f, 1 - 0.0722f, 0.5f, 1.0f};
     for (size_t i = 0; i < 5; ++i) EXPECT_NEAR(depth.values[i], want[i], 1e-3f) << i;
@@ -30,7 +30,7 @@ TEST(DepthStandIn, DepthIsOneMinusLuminanceAndColorizeIsAJetRamp) {
     const std::vector<float> depths{-0.2f, 0.25f, 0.5f, 0.75f, 1.2f};
     const float colours[3][5] = {{0, 0, 0.5f, 1, 0.5f}, {0, 0.5f, 1, 0.5f, 0}, {0.5f, 1, 0.5f, 0, 0}};
     std::copy(depths.begin(), depths.end(), d.values.begin());
-    const Tensor colour = Network(packageModelFolder() / "depth_standin_colorize.onnx").run1({d});
+    const Tensor colour = packageNetwork("depth_standin_colorize").run1({d});
     ASSERT_EQ(colour.shape, (std::vector<int64_t>{1, 3, kTile, kTile}));
     for (int c = 0; c < 3; ++c)
         for (size_t i = 0; i < depths.size(); ++i)
@@ -43,7 +43,7 @@ namespace {
 Tensor testImage(int64_t h, int64_t w) {
     std::vector<float> v(static_cast<size_t>(3 * h * w));
     for (size_t i = 0; i < v.size(); ++i) v[i] = static_cast<float>((i * 53 + i / static_cast<size_t>(w) * 7) % 97) / 96.0f;
-    return makeTensor(ML::F16, {1, 3, h, w}, v);
+    return planar(h, w, v, ML::F16);
 }
 
 float keys(float x) {  // Keys cubic convolution, a = -0.5
@@ -72,20 +72,6 @@ std::vector<float> bicubicReference(const Tensor& img, int s) {
     return out;
 }
 
-// Pixel (c, y, x) of a 1x3xHxW tensor.
-float at(const Tensor& t, int64_t c, int64_t y, int64_t x) {
-    return t.values[static_cast<size_t>((c * t.shape[2] + y) * t.shape[3] + x)];
-}
-
-// A window of a 1x3xHxW tensor.
-Tensor crop(const Tensor& t, int64_t y0, int64_t x0, int64_t h, int64_t w) {
-    std::vector<float> v;
-    for (int64_t c = 0; c < 3; ++c)
-        for (int64_t y = 0; y < h; ++y)
-            for (int64_t x = 0; x < w; ++x) v.push_back(at(t, c, y0 + y, x0 + x));
-    return makeTensor(t.type, {1, 3, h, w}, v);
-}
-
 }  // namespace
 
 TEST(UpresStandIn, BicubicAtEachScaleAndLocalToTiles) {
@@ -108,20 +94,20 @@ TEST(UpresStandIn, BicubicAtEachScaleAndLocalToTiles) {
         for (int64_t ch = 0; ch < 3; ++ch)
             for (int64_t y = m; y < c.ch * s - m; ++y)
                 for (int64_t x = m; x < c.cw * s - m; ++x)
-                    ASSERT_EQ(at(tile, ch, y, x), at(up, ch, c.cy * s + y, c.cx * s + x)) << c.file << " " << y << "," << x;
+                    ASSERT_EQ(pixel(tile, ch, y, x), pixel(up, ch, c.cy * s + y, c.cx * s + x)) << c.file << " " << y << "," << x;
     }
 }
 
 TEST(UpresStandIn, EnhanceSharpensWithRepeatedEdges) {
     // x + k (4x - four neighbours), k = 1/8, edges repeated, clamped to 0..1.
     const Tensor img = testImage(5, 7);
-    const Tensor out = Network(packageModelFolder() / "upres_standin_enhance.onnx").run1({img});
+    const Tensor out = packageNetwork("upres_standin_enhance").run1({img});
     ASSERT_EQ(out.shape, img.shape);
     for (int64_t c = 0; c < 3; ++c)
         for (int64_t y = 0; y < 5; ++y)
             for (int64_t x = 0; x < 7; ++x) {
-                auto px = [&](int64_t yy, int64_t xx) { return at(img, c, std::clamp<int64_t>(yy, 0, 4), std::clamp<int64_t>(xx, 0, 6)); };
+                auto px = [&](int64_t yy, int64_t xx) { return pixel(img, c, std::clamp<int64_t>(yy, 0, 4), std::clamp<int64_t>(xx, 0, 6)); };
                 const float lap = 4 * px(y, x) - px(y - 1, x) - px(y + 1, x) - px(y, x - 1) - px(y, x + 1);
-                EXPECT_NEAR(at(out, c, y, x), std::clamp(px(y, x) + lap / 8, 0.0f, 1.0f), 1e-3f) << c << " " << y << " " << x;
+                EXPECT_NEAR(pixel(out, c, y, x), std::clamp(px(y, x) + lap / 8, 0.0f, 1.0f), 1e-3f) << c << " " << y << " " << x;
             }
 }

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 #include <stdexcept>
 
 // ONNX Runtime keeps a few bytes from creating its environment until the process ends; that is
@@ -138,6 +139,40 @@ CliResult runPkg(const std::string& args) {
                             out.string() + "\" 2> \"" + err.string() + "\"";
     const int status = std::system(cmd.c_str());
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ML::readBinaryFile(out), ML::readBinaryFile(err)};
+}
+
+std::vector<std::string> signature(Network& net) {
+    Ort::AllocatorWithDefaultOptions alloc;
+    std::vector<std::string> out;
+    auto describe = [&](const Ort::AllocatedStringPtr& name, const Ort::TypeInfo& info) {
+        const auto t = info.GetTensorTypeAndShapeInfo();
+        const char* names[] = {"U8", "F16", "F32", "I32", "I64"};
+        std::string s = std::string(name.get()) + " " + names[&typeInfo(0, t.GetElementType()) - kTypes] + " ";
+        for (int64_t d : t.GetShape()) s += std::to_string(d) + "x";
+        s.pop_back();
+        out.push_back(s);
+    };
+    for (size_t i = 0; i < net.session.GetInputCount(); ++i)
+        describe(net.session.GetInputNameAllocated(i, alloc), net.session.GetInputTypeInfo(i));
+    for (size_t i = 0; i < net.session.GetOutputCount(); ++i)
+        describe(net.session.GetOutputNameAllocated(i, alloc), net.session.GetOutputTypeInfo(i));
+    return out;
+}
+
+Tensor crop(const Tensor& t, int64_t y0, int64_t x0, int64_t h, int64_t w) {
+    std::vector<float> v;
+    for (int64_t c = 0; c < t.shape[1]; ++c)
+        for (int64_t y = 0; y < h; ++y)
+            for (int64_t x = 0; x < w; ++x) v.push_back(pixel(t, c, y0 + y, x0 + x));
+    return makeTensor(t.type, {1, t.shape[1], h, w}, v);
+}
+
+std::vector<float> randomValues(size_t n, unsigned seed, float lo, float hi) {
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> d(lo, hi);
+    std::vector<float> v(n);
+    for (float& x : v) x = d(rng);
+    return v;
 }
 
 std::vector<std::string> listFiles(const fs::path& folder) {

@@ -39,6 +39,25 @@ public:
 // Folders of the default package that the test fixture writes.
 fs::path packageConfigFolder();
 fs::path packageModelFolder();
+// A network of the default package by its file name without ".onnx" (e.g. "imgcvt/blend_F32_1x3x384x384").
+inline Network packageNetwork(const std::string& name) { return Network(packageModelFolder() / (name + ".onnx")); }
+
+// Inputs and outputs of a network, one "name type dims" each (e.g. "input F16 1x3x8x8"), inputs first.
+std::vector<std::string> signature(Network& net);
+
+// A 1x3xHxW picture, and its element (c, y, x).
+inline Tensor planar(int64_t h, int64_t w, std::vector<float> v, ML::u32 type = ML::F32) {
+    return makeTensor(type, {1, 3, h, w}, std::move(v));
+}
+inline float& pixel(Tensor& t, int64_t c, int64_t y, int64_t x) {
+    return t.values[static_cast<size_t>((c * t.shape[2] + y) * t.shape[3] + x)];
+}
+inline float pixel(const Tensor& t, int64_t c, int64_t y, int64_t x) { return pixel(const_cast<Tensor&>(t), c, y, x); }
+// The window of h x w at (y0, x0) of every channel of a 1xCxHxW tensor.
+Tensor crop(const Tensor& t, int64_t y0, int64_t x0, int64_t h, int64_t w);
+
+// n deterministic values, uniform in lo..hi.
+std::vector<float> randomValues(size_t n, unsigned seed, float lo = -1.0f, float hi = 1.0f);
 
 // Runs the quillon-pkg executable with the given arguments (already quoted as needed).
 struct CliResult {
