@@ -3,6 +3,8 @@
 #include "GraphBuilder.h"
 #include "PackageFiles.h"
 
+#include <onnx/checker.h>
+
 namespace qpkg {
 
 namespace {
@@ -56,7 +58,43 @@ std::string conversionName(const ImageFormat& from, const ImageFormat& to) {
     return formatKey(from) + "_TO_" + formatKey(to);
 }
 
-onnx::ModelProto buildConversionNetwork(const ImageFormat& from, const ImageFormat& to) {
+namespace {
+
+onnx::ModelProto buildFusedConversionNetwork(const ImageFormat& from, const ImageFormat& to) {
+    GraphBuilder g(conversionName(from, to));
+    const std::string x = g.input("input", from.dataType, tensorDims(from));
+    std::vector<int64_t> sources;
+    std::vector<float> fills;
+    for (const ChannelSource& s : channelMapping(from.channels, to.channels)) {
+        sources.push_back(s.kind == ChannelSource::Copy ? s.sourceIndex : -1);
+        fills.push_back(s.kind == ChannelSource::Fill ? static_cast<float>(s.fill) : 0.0f);
+    }
+    // Input to output through one node, which then becomes the fused operator.
+    g.output(x, "output", to.dataType, tensorDims(to));
+    onnx::ModelProto model = g.build();
+    onnx::OperatorSetIdProto* opset = model.add_opset_import();
+    opset->set_domain(kFusedDomain);
+    opset->set_version(1);
+    onnx::NodeProto* node = model.mutable_graph()->mutable_node(0);
+    node->set_domain(kFusedDomain);
+    node->set_op_type("ConvertImage_" + typeText(from.dataType) + "_" + typeText(to.dataType));
+    node->set_name(node->op_type());
+    *node->add_attribute() = attrString("from_layout", layoutText(from.layout));
+    *node->add_attribute() = attrString("to_layout", layoutText(to.layout));
+    *node->add_attribute() = attrInts("sources", sources);
+    onnx::AttributeProto fillsAttr;
+    fillsAttr.set_name("fills");
+    fillsAttr.set_type(onnx::AttributeProto::FLOATS);
+    for (float f : fills) fillsAttr.add_floats(f);
+    *node->add_attribute() = fillsAttr;
+    onnx::checker::check_model(model);
+    return model;
+}
+
+}  // namespace
+
+onnx::ModelProto buildConversionNetwork(const ImageFormat& from, const ImageFormat& to, bool portable) {
+    if (!portable) return buildFusedConversionNetwork(from, to);
     GraphBuilder g(conversionName(from, to));
     std::string cur = g.input("input", from.dataType, tensorDims(from));
     ML::u32 layout = from.layout;
@@ -136,11 +174,13 @@ FormatPair parseConversionName(const std::string& name) {
     return {from, to};
 }
 
-void writeConversionNetworks(const std::filesystem::path& modelFolder, const std::vector<FormatPair>& pairs) {
+void writeConversionNetworks(const std::filesystem::path& modelFolder, const std::vector<FormatPair>& pairs,
+                             bool portable) {
     const std::filesystem::path folder = modelFolder / "imgcvt";
     makeFolder(folder);
     for (const FormatPair& p : pairs)
-        writeModel(buildConversionNetwork(p.first, p.second), folder / (conversionName(p.first, p.second) + ".onnx"));
+        writeModel(buildConversionNetwork(p.first, p.second, portable),
+                   folder / (conversionName(p.first, p.second) + ".onnx"));
 }
 
 }  // namespace qpkg

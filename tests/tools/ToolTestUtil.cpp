@@ -4,6 +4,7 @@
 
 #include <Imath/half.h>
 
+#include "FusedOps.h"
 #include "Util/ML_FileUtil.h"
 
 #include <algorithm>
@@ -78,6 +79,9 @@ Ort::SessionOptions sessionOptions() {
     Ort::SessionOptions o;
     o.SetIntraOpNumThreads(1);
     o.SetInterOpNumThreads(1);
+    // The fused helper operators as the ort backends run them; their rows split over 3 threads,
+    // so that large images take the threaded path.
+    ML::OrtBackend::addFusedOperators(o, 3);
     return o;
 }
 

@@ -26,7 +26,7 @@ struct Tensor {
 // are given.
 Tensor makeTensor(ML::u32 type, std::vector<int64_t> shape, std::vector<float> values = {});
 
-// One written network, loaded into an ONNX Runtime CPU session.
+// One written network, loaded into an ONNX Runtime CPU session that knows the fused operators.
 class Network {
 public:
     explicit Network(const fs::path& path);
