@@ -82,9 +82,59 @@ struct ConvertOp : Ort::CustomOpBase<ConvertOp, ConvertKernel> {
     ONNXTensorElementDataType GetOutputType(size_t) const { return onnxType(to); }
 };
 
+struct ResizeKernel {
+    PixelType type;
+    bool planar;
+    int threads;
+
+    ResizeKernel(const OrtKernelInfo* info, PixelType type, int threads)
+        : type(type), planar(::ML::OrtBackend::planar(Ort::ConstKernelInfo(info).GetAttribute<std::string>("layout"))),
+          threads(threads) {}
+
+    void Compute(OrtKernelContext* context) {
+        Ort::KernelContext ctx(context);
+        const Ort::ConstValue input = ctx.GetInput(0);
+        const Ort::ConstValue target = ctx.GetInput(1);
+        const std::vector<int64_t> shape = input.GetTensorTypeAndShapeInfo().GetShape();
+        if (shape.size() != 4 || target.GetTensorTypeAndShapeInfo().GetElementCount() != 4)
+            throw Ort::Exception("ResizeImage: a 4D input and a target shape of 4 values", ORT_INVALID_ARGUMENT);
+        // The target shape is N, C, H, W whatever the layout; only H and W are used.
+        const int64_t* wanted = target.GetTensorData<int64_t>();
+        const int64_t outH = wanted[2], outW = wanted[3];
+        if (outH < 0 || outW < 0) throw Ort::Exception("ResizeImage: negative target size", ORT_INVALID_ARGUMENT);
+        const int64_t n = shape[0];
+        const int64_t c = planar ? shape[1] : shape[3];
+        const int64_t h = planar ? shape[2] : shape[1];
+        const int64_t w = planar ? shape[3] : shape[2];
+        const std::vector<int64_t> outShape =
+            planar ? std::vector<int64_t>{n, c, outH, outW} : std::vector<int64_t>{n, outH, outW, c};
+        Ort::UnownedValue output = ctx.GetOutput(0, outShape.data(), outShape.size());
+        resizeImage(type, planar, input.GetTensorRawData(), output.GetTensorMutableRawData(), n, c, h, w, outH, outW,
+                    threads);
+    }
+};
+
+struct ResizeOp : Ort::CustomOpBase<ResizeOp, ResizeKernel> {
+    PixelType type;
+    std::string name;
+    int threads;
+
+    ResizeOp(PixelType type, int threads) : type(type), name(std::string("ResizeImage_") + typeName(type)), threads(threads) {}
+
+    void* CreateKernel(const OrtApi&, const OrtKernelInfo* info) const { return new ResizeKernel(info, type, threads); }
+    const char* GetName() const { return name.c_str(); }
+    size_t GetInputTypeCount() const { return 2; }
+    ONNXTensorElementDataType GetInputType(size_t index) const {
+        return index == 0 ? onnxType(type) : ONNX_TENSOR_ELEMENT_DATA_TYPE_INT64;
+    }
+    size_t GetOutputTypeCount() const { return 1; }
+    ONNXTensorElementDataType GetOutputType(size_t) const { return onnxType(type); }
+};
+
 // The domain and its operators live as long as the process: sessions refer to them.
 struct Registry {
     std::vector<std::unique_ptr<ConvertOp>> ops;
+    std::vector<std::unique_ptr<ResizeOp>> resizes;
     Ort::CustomOpDomain domain{kFusedDomain};
 
     explicit Registry(int threads) {
@@ -93,6 +143,10 @@ struct Registry {
                 ops.push_back(std::make_unique<ConvertOp>(from, to, threads));
                 domain.Add(ops.back().get());
             }
+        for (PixelType t : {PixelType::U8, PixelType::F16, PixelType::F32}) {
+            resizes.push_back(std::make_unique<ResizeOp>(t, threads));
+            domain.Add(resizes.back().get());
+        }
     }
 };
 

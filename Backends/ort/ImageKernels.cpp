@@ -25,6 +25,31 @@ namespace avx2 {
 namespace {
 
 using RowsFn = void (*)(const ImageConversion&, const uint8_t*, uint8_t*, int64_t, int64_t, int64_t, int64_t);
+using ResizeRowsFn = void (*)(const ImageResizeJob&, int64_t, int64_t);
+
+// Runs fn(first, last) over [0, rows) in up to parts pieces, the first on the calling thread.
+template <class F>
+void splitRows(int64_t rows, int64_t parts, const F& fn) {
+    parts = std::clamp<int64_t>(parts, 1, rows);
+    std::vector<std::thread> helpers;
+    helpers.reserve(static_cast<size_t>(parts - 1));
+    for (int64_t p = 1; p < parts; ++p) helpers.emplace_back([&fn, rows, parts, p] { fn(rows * p / parts, rows * (p + 1) / parts); });
+    fn(0, rows / parts);
+    for (std::thread& t : helpers) t.join();
+}
+
+// Source taps of each of out positions from in ones, half-pixel centres, clamped; the
+// coordinate as ONNX's Resize defines it, (o + 0.5) / scale - 0.5 with scale = out / in.
+std::vector<Tap> taps(int64_t in, int64_t out) {
+    std::vector<Tap> t(static_cast<size_t>(out));
+    const float scale = static_cast<float>(out) / static_cast<float>(in);
+    for (int64_t o = 0; o < out; ++o) {
+        const float s = std::clamp((static_cast<float>(o) + 0.5f) / scale - 0.5f, 0.0f, static_cast<float>(in - 1));
+        const auto i0 = static_cast<int64_t>(std::floor(s));
+        t[static_cast<size_t>(o)] = {i0, std::min(i0 + 1, in - 1), s - static_cast<float>(i0)};
+    }
+    return t;
+}
 
 RowsFn rowKernel() {
     static const RowsFn fn = imageKernelsVectorised() ? &avx2::convertRows : &plain::convertRows;
@@ -49,17 +74,30 @@ void convertImage(const ImageConversion& conversion, const void* input, void* ou
     const auto* in = static_cast<const uint8_t*>(input);
     auto* out = static_cast<uint8_t*>(output);
     const int64_t elements = rows * width * static_cast<int64_t>(conversion.sources.size());
-    const int64_t parts = std::clamp<int64_t>(std::min<int64_t>(threads, elements / kElementsPerThread), 1, rows);
-    if (parts == 1) {
-        fn(conversion, in, out, height, width, 0, rows);
-        return;
-    }
-    std::vector<std::thread> helpers;
-    helpers.reserve(static_cast<size_t>(parts - 1));
-    for (int64_t p = 1; p < parts; ++p)
-        helpers.emplace_back(fn, std::cref(conversion), in, out, height, width, rows * p / parts, rows * (p + 1) / parts);
-    fn(conversion, in, out, height, width, 0, rows / parts);
-    for (std::thread& t : helpers) t.join();
+    splitRows(rows, std::min<int64_t>(threads, elements / kElementsPerThread),
+              [&](int64_t first, int64_t last) { fn(conversion, in, out, height, width, first, last); });
+}
+
+void resizeImage(PixelType type, bool planar, const void* input, void* output, int64_t batch, int64_t channels,
+                 int64_t height, int64_t width, int64_t outHeight, int64_t outWidth, int threads, KernelVariant variant) {
+    if (batch <= 0 || channels <= 0 || outHeight <= 0 || outWidth <= 0 || height <= 0 || width <= 0) return;
+    static const ResizeRowsFn best = imageKernelsVectorised() ? &avx2::resizeRows : &plain::resizeRows;
+    const ResizeRowsFn fn = variant == KernelVariant::Plain ? &plain::resizeRows : best;
+    ImageResizeJob job;
+    job.type = type;
+    job.planar = planar;
+    job.input = static_cast<const uint8_t*>(input);
+    job.output = static_cast<uint8_t*>(output);
+    job.channels = channels;
+    job.inHeight = height;
+    job.inWidth = width;
+    job.outHeight = outHeight;
+    job.outWidth = outWidth;
+    job.rowTaps = taps(height, outHeight);
+    job.columns = taps(width, outWidth);
+    const int64_t rows = batch * (planar ? channels : 1) * outHeight;
+    splitRows(rows, std::min<int64_t>(threads, rows * outWidth * (planar ? 1 : channels) / kElementsPerThread),
+              [&](int64_t first, int64_t last) { fn(job, first, last); });
 }
 
 }  // namespace ML::OrtBackend

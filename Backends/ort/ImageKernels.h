@@ -22,6 +22,22 @@ struct ImageConversion {
     std::vector<float> fills;  // per destination channel: the constant, in 0..1 units
 };
 
+// One input sample of an output row or column: the two source indices and the weight of the second.
+struct Tap {
+    int64_t i0 = 0, i1 = 0;
+    float w = 0.0f;
+};
+
+// A resize as the row loops see it.
+struct ImageResizeJob {
+    PixelType type = PixelType::F32;
+    bool planar = true;
+    const uint8_t* input = nullptr;
+    uint8_t* output = nullptr;
+    int64_t channels = 1, inHeight = 0, inWidth = 0, outHeight = 0, outWidth = 0;
+    std::vector<Tap> rowTaps, columns;
+};
+
 // Which row loops run: the best this processor has, or the plain ones (to compare them).
 enum class KernelVariant { Best, Plain };
 
@@ -29,6 +45,13 @@ enum class KernelVariant { Best, Plain };
 // over at most threads threads, the caller's included.
 void convertImage(const ImageConversion& conversion, const void* input, void* output, int64_t batch, int64_t height,
                   int64_t width, int threads, KernelVariant variant = KernelVariant::Best);
+
+// Scales batch images of height x width and the given channels to outHeight x outWidth in one
+// element type: bilinear with half-pixel centres and clamped edges, no antialiasing, in F32
+// (U8 in its 0..255 units, rounded half to even). Rows are split over at most threads threads.
+void resizeImage(PixelType type, bool planar, const void* input, void* output, int64_t batch, int64_t channels,
+                 int64_t height, int64_t width, int64_t outHeight, int64_t outWidth, int threads,
+                 KernelVariant variant = KernelVariant::Best);
 
 // Whether the vectorised variant runs on this processor.
 bool imageKernelsVectorised();

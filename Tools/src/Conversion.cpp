@@ -1,9 +1,8 @@
 #include "Conversion.h"
 
 #include "GraphBuilder.h"
+#include "FusedNetwork.h"
 #include "PackageFiles.h"
-
-#include <onnx/checker.h>
 
 namespace qpkg {
 
@@ -61,34 +60,18 @@ std::string conversionName(const ImageFormat& from, const ImageFormat& to) {
 namespace {
 
 onnx::ModelProto buildFusedConversionNetwork(const ImageFormat& from, const ImageFormat& to) {
-    GraphBuilder g(conversionName(from, to));
-    const std::string x = g.input("input", from.dataType, tensorDims(from));
     std::vector<int64_t> sources;
     std::vector<float> fills;
     for (const ChannelSource& s : channelMapping(from.channels, to.channels)) {
         sources.push_back(s.kind == ChannelSource::Copy ? s.sourceIndex : -1);
         fills.push_back(s.kind == ChannelSource::Fill ? static_cast<float>(s.fill) : 0.0f);
     }
-    // Input to output through one node, which then becomes the fused operator.
-    g.output(x, "output", to.dataType, tensorDims(to));
-    onnx::ModelProto model = g.build();
-    onnx::OperatorSetIdProto* opset = model.add_opset_import();
-    opset->set_domain(kFusedDomain);
-    opset->set_version(1);
-    onnx::NodeProto* node = model.mutable_graph()->mutable_node(0);
-    node->set_domain(kFusedDomain);
-    node->set_op_type("ConvertImage_" + typeText(from.dataType) + "_" + typeText(to.dataType));
-    node->set_name(node->op_type());
-    *node->add_attribute() = attrString("from_layout", layoutText(from.layout));
-    *node->add_attribute() = attrString("to_layout", layoutText(to.layout));
-    *node->add_attribute() = attrInts("sources", sources);
-    onnx::AttributeProto fillsAttr;
-    fillsAttr.set_name("fills");
-    fillsAttr.set_type(onnx::AttributeProto::FLOATS);
-    for (float f : fills) fillsAttr.add_floats(f);
-    *node->add_attribute() = fillsAttr;
-    onnx::checker::check_model(model);
-    return model;
+    return buildFusedNetwork(conversionName(from, to), {{"input", from.dataType, tensorDims(from)}},
+                             "ConvertImage_" + typeText(from.dataType) + "_" + typeText(to.dataType),
+                             {attrString("from_layout", layoutText(from.layout)),
+                              attrString("to_layout", layoutText(to.layout)), attrInts("sources", sources),
+                              attrFloatList("fills", fills)},
+                             {"output", to.dataType, tensorDims(to)});
 }
 
 }  // namespace

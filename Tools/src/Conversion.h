@@ -29,11 +29,8 @@ std::vector<ChannelSource> channelMapping(ML::u32 fromChannels, ML::u32 toChanne
 // "<A>_TO_<B>"
 std::string conversionName(const ImageFormat& from, const ImageFormat& to);
 
-// Operator domain of the fused helper operators, which the ort_cpu backend implements.
-inline constexpr const char* kFusedDomain = "ai.quillon";
-
 // portable: standard ONNX operators only, for any ONNX runtime. Otherwise one fused
-// ConvertImage_<from type>_<to type> node of kFusedDomain does it all in one pass.
+// ConvertImage_<from type>_<to type> node of the fused domain does it all in one pass.
 onnx::ModelProto buildConversionNetwork(const ImageFormat& from, const ImageFormat& to, bool portable = false);
 
 using FormatPair = std::pair<ImageFormat, ImageFormat>;

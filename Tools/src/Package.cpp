@@ -27,7 +27,7 @@ std::filesystem::path modelFolderOf(const std::filesystem::path& packageDir) { r
 
 void writeImgcvt(const std::filesystem::path& modelFolder, bool portable) {
     writeConversionNetworks(modelFolder, allConversionPairs(), portable);
-    writeResizeNetworks(modelFolder);
+    writeResizeNetworks(modelFolder, portable);
     writeGammaAndStatsNetworks(modelFolder);
     writeBlendNetwork(modelFolder);
 }

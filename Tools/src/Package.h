@@ -13,7 +13,7 @@ std::filesystem::path configFolderOf(const std::filesystem::path& packageDir);  
 std::filesystem::path modelFolderOf(const std::filesystem::path& packageDir);   // <dir>/models
 
 // Every network of <modelFolder>/imgcvt: all conversions, resize, gamma and statistics.
-// portable: conversions of standard ONNX operators only, instead of the fused operators that only
+// portable: conversions and resizes of standard ONNX operators only, instead of the fused operators that only
 // the ort backends run.
 void writeImgcvt(const std::filesystem::path& modelFolder, bool portable = false);
 

@@ -1,4 +1,4 @@
-// The fused conversion kernels' plain row loops against the vectorised ones, bit for bit, on
+// The fused conversion and resize kernels: plain row loops against the vectorised ones, bit for bit, on
 // sizes with vector blocks, tails and a threaded split. (The networks that use them are checked
 // against references and against the standard-operator form in tools_conversion_tests.)
 #include <gtest/gtest.h>
@@ -45,6 +45,34 @@ TEST(ImageKernels, PlainAndVectorisedLoopsAgree) {
         std::vector<uint8_t> plain(outBytes, 0xAB), best(outBytes, 0xCD);
         convertImage(c, in.data(), plain.data(), n, h, w, 1, KernelVariant::Plain);
         convertImage(c, in.data(), best.data(), n, h, w, 3, KernelVariant::Best);
+        EXPECT_TRUE(plain == best) << "row " << (&r - rows);
+    }
+}
+
+TEST(ImageKernels, PlainAndVectorisedResizeAgree) {
+    if (!ML::OrtBackend::imageKernelsVectorised()) GTEST_SKIP() << "no AVX2/F16C on this processor";
+    struct Row {
+        PixelType type;
+        bool planar;
+        int64_t channels, h, w, outH, outW;
+    };
+    const Row rows[] = {{PixelType::U8, false, 4, 41, 77, 130, 251}, {PixelType::F16, true, 3, 135, 241, 67, 83},
+                        {PixelType::F32, false, 1, 9, 1030, 20, 517}, {PixelType::U8, true, 2, 3, 3, 1, 1}};
+    for (const Row& r : rows) {
+        const size_t eb = r.type == PixelType::U8 ? 1 : r.type == PixelType::F16 ? 2 : 4;
+        std::vector<uint8_t> in(static_cast<size_t>(2 * r.channels * r.h * r.w) * eb);
+        uint32_t state = 3;
+        for (size_t i = 0; i < in.size(); ++i) {
+            state = state * 1664525u + 1013904223u;
+            in[i] = static_cast<uint8_t>(state >> 24);
+            // Floats of moderate size: exponent bits kept away from NaN and infinity.
+            if (eb > 1 && i % eb == eb - 1) in[i] = static_cast<uint8_t>(0x30 + (state >> 30));
+        }
+        const size_t outBytes = static_cast<size_t>(2 * r.channels * r.outH * r.outW) * eb;
+        std::vector<uint8_t> plain(outBytes, 0xAB), best(outBytes, 0xCD);
+        ML::OrtBackend::resizeImage(r.type, r.planar, in.data(), plain.data(), 2, r.channels, r.h, r.w, r.outH, r.outW, 1,
+                                    KernelVariant::Plain);
+        ML::OrtBackend::resizeImage(r.type, r.planar, in.data(), best.data(), 2, r.channels, r.h, r.w, r.outH, r.outW, 3);
         EXPECT_TRUE(plain == best) << "row " << (&r - rows);
     }
 }

@@ -23,24 +23,6 @@ std::string key(const Format& f) {
            f.channels;
 }
 
-// The portable networks, written once for the whole program.
-const fs::path& portableFolder() {
-    static TempDir dir;
-    static const bool written = [] {
-        const CliResult r = runPkg("imgcvt " + dir.path().string() + " --portable");
-        EXPECT_EQ(r.code, 0) << r.err;
-        return true;
-    }();
-    (void)written;
-    return dir.path();
-}
-
-struct Form {
-    const char* name;
-    fs::path (*folder)();
-};
-const Form kForms[] = {{"fused", [] { return packageModelFolder(); }}, {"portable", [] { return portableFolder(); }}};
-
 fs::path networkPath(const fs::path& folder, const std::string& from, const std::string& to) {
     return folder / "imgcvt" / (from + "_TO_" + to + ".onnx");
 }
@@ -90,7 +72,7 @@ Tensor image(const Format& f, F codeOf) {
 
 TEST(ConversionNetworks, EveryPairMovesChannelsAndScalesValues) {
     const std::vector<Format> formats = allFormats();
-    for (const Form& form : kForms)
+    for (const PackageForm& form : packageForms())
         for (const Format& a : formats)
             for (const Format& b : formats) {
                 if (key(a) == key(b)) continue;
@@ -99,7 +81,7 @@ TEST(ConversionNetworks, EveryPairMovesChannelsAndScalesValues) {
                 const Tensor want = image(b, [&](int64_t n, int64_t y, int64_t x, char ch) {
                     return expectedCode(a.channels, n, y, x, ch);
                 });
-                const Tensor got = Network(networkPath(form.folder(), key(a), key(b))).run1({src});
+                const Tensor got = Network(networkPath(form.models, key(a), key(b))).run1({src});
                 ASSERT_EQ(got.type, want.type) << what;
                 ASSERT_EQ(got.shape, want.shape) << what;
                 // U8 results are exact; float ones within F16 precision.
@@ -117,8 +99,8 @@ TEST(ConversionNetworks, FloatToU8RoundsHalfToEvenAndClamps) {
                                 // past the vectorised block of 8 too
                                 0.5f / 255, 1.5f / 255, 2.5f / 255, 254.5f / 255, -0.1f, 1.7f, NAN, INFINITY, -INFINITY};
     const std::vector<float> want{0, 2, 2, 254, 0, 255, 0, 255, 0, 0, 2, 2, 254, 0, 255, 0, 255, 0};
-    for (const Form& form : kForms)
-        EXPECT_EQ(Network(networkPath(form.folder(), "CHW-F32-R", "CHW-U8-R")).run1({makeTensor(ML::F32, {1, 1, 1, 18}, in)}).values,
+    for (const PackageForm& form : packageForms())
+        EXPECT_EQ(Network(networkPath(form.models, "CHW-F32-R", "CHW-U8-R")).run1({makeTensor(ML::F32, {1, 1, 1, 18}, in)}).values,
                   want)
             << form.name;
 }
@@ -175,8 +157,8 @@ TEST(ConversionNetworks, FusedAndPortableFormsAgree) {
             const int64_t c = static_cast<int64_t>(a.channels.size());
             const Tensor src = noise(a, a.chw ? std::vector<int64_t>{row.n, c, row.h, row.w}
                                               : std::vector<int64_t>{row.n, row.h, row.w, c});
-            const Tensor fused = Network(networkPath(packageModelFolder(), key(a), key(b))).run1({src});
-            const Tensor portable = Network(networkPath(portableFolder(), key(a), key(b))).run1({src});
+            const Tensor fused = Network(networkPath(packageForms()[0].models, key(a), key(b))).run1({src});
+            const Tensor portable = Network(networkPath(packageForms()[1].models, key(a), key(b))).run1({src});
             ASSERT_EQ(fused.shape, portable.shape) << what;
             for (size_t i = 0; i < fused.values.size(); ++i)
                 if (!sameValue(fused.values[i], portable.values[i])) {

@@ -135,6 +135,17 @@ std::vector<Tensor> Network::run(const std::vector<Tensor>& inputs) {
 fs::path packageConfigFolder() { return fs::path(QUILLON_TEST_PACKAGE_DIR) / "config"; }
 fs::path packageModelFolder() { return fs::path(QUILLON_TEST_PACKAGE_DIR) / "models"; }
 
+std::vector<PackageForm> packageForms() {
+    static TempDir portable;
+    static const bool written = [] {
+        const CliResult r = runPkg("imgcvt " + portable.path().string() + " --portable");
+        if (r.code != 0) throw std::runtime_error("quillon-pkg imgcvt --portable failed: " + r.err);
+        return true;
+    }();
+    (void)written;
+    return {{"fused", packageModelFolder()}, {"portable", portable.path()}};
+}
+
 CliResult runPkg(const std::string& args) {
     TempDir io;
     const fs::path out = io / "stdout", err = io / "stderr";

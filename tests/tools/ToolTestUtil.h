@@ -40,6 +40,14 @@ public:
 fs::path packageConfigFolder();
 fs::path packageModelFolder();
 
+// Model folders of the helper networks in both forms: "fused" (the default package's) and
+// "portable" (standard operators only: quillon-pkg imgcvt --portable, written once per process).
+struct PackageForm {
+    const char* name;
+    fs::path models;
+};
+std::vector<PackageForm> packageForms();
+
 // Runs the quillon-pkg executable with the given arguments (already quoted as needed).
 struct CliResult {
     int code = -1;
