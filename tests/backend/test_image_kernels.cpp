@@ -57,6 +57,7 @@ TEST(ImageKernels, PlainAndVectorisedResizeAgree) {
         int64_t channels, h, w, outH, outW;
     };
     const Row rows[] = {{PixelType::U8, false, 4, 41, 77, 130, 251}, {PixelType::F16, true, 3, 135, 241, 67, 83},
+                        {PixelType::F16, false, 3, 20, 30, 41, 13}, {PixelType::U8, false, 6, 5, 9, 11, 4},
                         {PixelType::F32, false, 1, 9, 1030, 20, 517}, {PixelType::U8, true, 2, 3, 3, 1, 1}};
     for (const Row& r : rows) {
         const size_t eb = r.type == PixelType::U8 ? 1 : r.type == PixelType::F16 ? 2 : 4;
