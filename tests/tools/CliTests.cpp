@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 
 #include "ToolTestUtil.h"
 
@@ -96,4 +97,26 @@ TEST(Cli, WritesOnlyWhatWasAskedAndNoTemporaries) {
                                         "optical_flow_standin.onnx", "retiming_standin.onnx",
                                         "upres_sampler_dynamic_F32.onnx", "upres_standin_2x.onnx",
                                         "upres_standin_4x.onnx", "upres_standin_enhance.onnx"}));
+}
+
+// --portable on default: no helper network of the package uses the fused operators' domain,
+// which the default package's conversions and resizes do.
+TEST(Cli, PortablePackageUsesStandardOperatorsOnly) {
+    auto usesFused = [](const fs::path& file) {
+        std::ifstream in(file, std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        return bytes.find("ai.quillon") != std::string::npos;
+    };
+    TempDir dir, none;
+    const CliResult r = runPkg("default " + quoted(dir.path()) + " --portable --networks " + quoted(none.path()));
+    ASSERT_EQ(r.code, 0) << r.err;
+    int networks = 0;
+    for (const std::string& f : listFiles(dir.path() / "models")) {
+        if (f.size() < 5 || f.substr(f.size() - 5) != ".onnx") continue;
+        ++networks;
+        EXPECT_FALSE(usesFused(dir.path() / "models" / f)) << f;
+    }
+    EXPECT_GT(networks, 1260);
+    for (const char* f : {"imgcvt/HWC-U8-RGBA_TO_CHW-F16-RGB.onnx", "imgcvt/resize_F16_CHW.onnx"})
+        EXPECT_TRUE(usesFused(packageModelFolder() / f)) << f;
 }
