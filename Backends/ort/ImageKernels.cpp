@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstring>
 #include <thread>
+#include <type_traits>
 
 namespace ML::OrtBackend {
 
