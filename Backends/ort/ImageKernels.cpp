@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
 #include <thread>
 #include <type_traits>
 
@@ -28,15 +31,74 @@ namespace {
 using RowsFn = void (*)(const ImageConversion&, const uint8_t*, uint8_t*, int64_t, int64_t, int64_t, int64_t);
 using ResizeRowsFn = void (*)(const ImageResizeJob&, int64_t, int64_t);
 
-// Runs fn(first, last) over [0, rows) in up to parts pieces, the first on the calling thread.
+// Threads that stay, waiting for pieces of one job at a time: starting threads for every call
+// costs more than a 1080p conversion saves.
+class RowPool {
+public:
+    // Runs piece(i) for every i in [0, pieces), on the calling thread and up to helpers others.
+    // A job that finds the pool busy (kernels of another session) runs on its caller alone.
+    void run(int64_t pieces, int helpers, const std::function<void(int64_t)>& piece) {
+        std::unique_lock<std::mutex> job(jobMutex_, std::try_to_lock);
+        if (!job || pieces < 2) {
+            for (int64_t i = 0; i < pieces; ++i) piece(i);
+            return;
+        }
+        std::unique_lock<std::mutex> lock(mutex_);
+        while (static_cast<int>(threads_.size()) < helpers) threads_.emplace_back([this] { work(); });
+        piece_ = &piece;
+        next_ = 0;
+        pieces_ = pieces;
+        done_ = 0;
+        ++generation_;
+        wake_.notify_all();
+        take(lock);
+        finished_.wait(lock, [&] { return done_ == pieces_; });
+        piece_ = nullptr;
+    }
+
+private:
+    // Runs pieces until none is left; called with the lock held.
+    void take(std::unique_lock<std::mutex>& lock) {
+        while (piece_ && next_ < pieces_) {
+            const int64_t i = next_++;
+            const std::function<void(int64_t)>* piece = piece_;
+            lock.unlock();
+            (*piece)(i);
+            lock.lock();
+            if (++done_ == pieces_) finished_.notify_all();
+        }
+    }
+
+    void work() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        uint64_t seen = generation_;
+        while (true) {
+            wake_.wait(lock, [&] { return generation_ != seen; });
+            seen = generation_;
+            take(lock);
+        }
+    }
+
+    std::mutex jobMutex_, mutex_;
+    std::condition_variable wake_, finished_;
+    std::vector<std::thread> threads_;
+    const std::function<void(int64_t)>* piece_ = nullptr;
+    int64_t next_ = 0, pieces_ = 0, done_ = 0;
+    uint64_t generation_ = 0;
+};
+
+// Runs fn(first, last) over [0, rows) in up to parts pieces, the calling thread taking part.
 template <class F>
 void splitRows(int64_t rows, int64_t parts, const F& fn) {
     parts = std::clamp<int64_t>(parts, 1, rows);
-    std::vector<std::thread> helpers;
-    helpers.reserve(static_cast<size_t>(parts - 1));
-    for (int64_t p = 1; p < parts; ++p) helpers.emplace_back([&fn, rows, parts, p] { fn(rows * p / parts, rows * (p + 1) / parts); });
-    fn(0, rows / parts);
-    for (std::thread& t : helpers) t.join();
+    if (parts == 1) {
+        fn(0, rows);
+        return;
+    }
+    // Never destroyed: its threads wait for the next job until the process ends.
+    static RowPool* pool = new RowPool;
+    pool->run(parts, static_cast<int>(parts - 1),
+              [&](int64_t p) { fn(rows * p / parts, rows * (p + 1) / parts); });
 }
 
 // Source taps of each of out positions from in ones, half-pixel centres, clamped; the
