@@ -6,8 +6,10 @@
 #include "BackendError.h"
 #include "BackendInstance.h"
 #include "BackendLog.h"
+#include "FusedOps.h"
 #include "LoadOptions.h"
 #include "NetworkSession.h"
+#include "Runtime.h"
 #include "Util/ML_WideText.h"
 
 namespace ML::OrtBackend {
@@ -29,6 +31,7 @@ Ort::SessionOptions sessionOptions(const LoadOptions& load, const std::string& n
     if (load.height) Ort::ThrowOnError(Ort::GetApi().AddFreeDimensionOverrideByName(options, "height", *load.height));
     if (load.width) Ort::ThrowOnError(Ort::GetApi().AddFreeDimensionOverrideByName(options, "width", *load.width));
     device.addExecutionProvider(options);
+    addFusedOperators(options, sharedPoolThreads());
     return options;
 }
 

@@ -14,6 +14,8 @@ Ort::ThreadingOptions sharedPoolOptions(int threads) {
     Ort::ThreadingOptions options;
     options.SetGlobalIntraOpNumThreads(threads);
     options.SetGlobalInterOpNumThreads(1);
+    // No spinning between runs: the fused helper operators' own threads and the host need the cores.
+    options.SetGlobalSpinControl(0);
     return options;
 }
 

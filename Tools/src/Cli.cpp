@@ -99,9 +99,10 @@ fs::path networksFolder(const Arguments& a) {
 }
 
 int commandDefault(const std::vector<std::string>& args, std::ostream& out) {
-    const Arguments a = parseArguments("default", args, {"--networks", "--with"}, {"--encrypt"});
+    const Arguments a = parseArguments("default", args, {"--networks", "--with"}, {"--encrypt", "--portable"});
     PackageOptions options;
     options.encrypt = a.has("--encrypt");
+    options.portable = a.has("--portable");
     options.networks = networksFolder(a);
     options.with = a.all("--with");
     for (const std::string& name : options.with) {
@@ -182,13 +183,13 @@ int commandImport(const std::vector<std::string>& args, std::ostream& out) {
 }
 
 int commandImgcvt(const std::vector<std::string>& args, std::ostream& out) {
-    const Arguments a = parseArguments("imgcvt", args, {"--pair"}, {});
+    const Arguments a = parseArguments("imgcvt", args, {"--pair"}, {"--portable"});
     if (a.all("--pair").empty()) {
-        writeImgcvt(a.dir);
+        writeImgcvt(a.dir, a.has("--portable"));
     } else {
         std::vector<FormatPair> pairs;
         for (const std::string& p : a.all("--pair")) pairs.push_back(parseConversionName(p));
-        writeConversionNetworks(a.dir, pairs);
+        writeConversionNetworks(a.dir, pairs, a.has("--portable"));
     }
     out << "Wrote helper networks to " << (a.dir / "imgcvt").string() << "\n";
     return kExitOk;
@@ -259,13 +260,16 @@ std::string usageText() {
            "imported from TensorFlow.js.\n"
            "\n"
            "Commands:\n"
-           "  default <dir> [--encrypt] [--networks <folder>] [--with <model>]...\n"
+           "  default <dir> [--encrypt] [--portable] [--networks <folder>] [--with <model>]...\n"
            "      The default package: <dir>/config (the sixteen configuration files, the host's\n"
            "      data folder) and <dir>/models (imgcvt networks, stand-ins and the real networks\n"
            "      found in the networks folder, listed in networks.json and NETWORKS.md; the aux\n"
            "      folder). The networks folder is --networks, else $QUILLON_NETWORKS, else\n"
            "      " QUILLON_DEFAULT_NETWORKS ".\n"
            "      GPL-licensed networks are written only when named with --with.\n"
+           "      --portable: format conversions of standard ONNX operators only, loadable by any\n"
+           "      ONNX runtime; by default they use the fused ai.quillon operators of the ort\n"
+           "      backends (one pass over memory).\n"
            "  import <model.json> -o <out.onnx> [--adapter <name>] [--input-shape NAME=1xHxWxC]...\n"
            "         [--const NAME=V[,V...]]...\n"
            "      One TensorFlow.js network to ONNX: plain (inputs and outputs its own, 4-D ones\n"
@@ -273,7 +277,7 @@ std::string usageText() {
            "      --input-shape gives an input's extents (TensorFlow order, -1 free); --const fixes\n"
            "      an input to values, so that conditionals on it are resolved at import time.\n"
            + adapterNames() +
-           "  imgcvt <dir> [--pair <A>_TO_<B>]...\n"
+           "  imgcvt <dir> [--pair <A>_TO_<B>]... [--portable]\n"
            "      Into <dir>/imgcvt: every format conversion, resize_<type>_<layout>,\n"
            "      CONVERT_GAMMA_<type>, GET_IMAGE_STATS_<type> and blend_F32_1x3x384x384 (the\n"
            "      retiming tiles' weighted sum); with --pair only those conversions.\n"

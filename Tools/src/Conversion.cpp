@@ -1,6 +1,7 @@
 #include "Conversion.h"
 
 #include "GraphBuilder.h"
+#include "FusedNetwork.h"
 #include "PackageFiles.h"
 
 namespace qpkg {
@@ -56,7 +57,27 @@ std::string conversionName(const ImageFormat& from, const ImageFormat& to) {
     return formatKey(from) + "_TO_" + formatKey(to);
 }
 
-onnx::ModelProto buildConversionNetwork(const ImageFormat& from, const ImageFormat& to) {
+namespace {
+
+onnx::ModelProto buildFusedConversionNetwork(const ImageFormat& from, const ImageFormat& to) {
+    std::vector<int64_t> sources;
+    std::vector<float> fills;
+    for (const ChannelSource& s : channelMapping(from.channels, to.channels)) {
+        sources.push_back(s.kind == ChannelSource::Copy ? s.sourceIndex : -1);
+        fills.push_back(s.kind == ChannelSource::Fill ? static_cast<float>(s.fill) : 0.0f);
+    }
+    return buildFusedNetwork(conversionName(from, to), {{"input", from.dataType, tensorDims(from)}},
+                             "ConvertImage_" + typeText(from.dataType) + "_" + typeText(to.dataType),
+                             {attrString("from_layout", layoutText(from.layout)),
+                              attrString("to_layout", layoutText(to.layout)), attrInts("sources", sources),
+                              attrFloatList("fills", fills)},
+                             {"output", to.dataType, tensorDims(to)});
+}
+
+}  // namespace
+
+onnx::ModelProto buildConversionNetwork(const ImageFormat& from, const ImageFormat& to, bool portable) {
+    if (!portable) return buildFusedConversionNetwork(from, to);
     GraphBuilder g(conversionName(from, to));
     std::string cur = g.input("input", from.dataType, tensorDims(from));
     ML::u32 layout = from.layout;
@@ -136,11 +157,13 @@ FormatPair parseConversionName(const std::string& name) {
     return {from, to};
 }
 
-void writeConversionNetworks(const std::filesystem::path& modelFolder, const std::vector<FormatPair>& pairs) {
+void writeConversionNetworks(const std::filesystem::path& modelFolder, const std::vector<FormatPair>& pairs,
+                             bool portable) {
     const std::filesystem::path folder = modelFolder / "imgcvt";
     makeFolder(folder);
     for (const FormatPair& p : pairs)
-        writeModel(buildConversionNetwork(p.first, p.second), folder / (conversionName(p.first, p.second) + ".onnx"));
+        writeModel(buildConversionNetwork(p.first, p.second, portable),
+                   folder / (conversionName(p.first, p.second) + ".onnx"));
 }
 
 }  // namespace qpkg

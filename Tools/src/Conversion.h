@@ -29,7 +29,9 @@ std::vector<ChannelSource> channelMapping(ML::u32 fromChannels, ML::u32 toChanne
 // "<A>_TO_<B>"
 std::string conversionName(const ImageFormat& from, const ImageFormat& to);
 
-onnx::ModelProto buildConversionNetwork(const ImageFormat& from, const ImageFormat& to);
+// portable: standard ONNX operators only, for any ONNX runtime. Otherwise one fused
+// ConvertImage_<from type>_<to type> node of the fused domain does it all in one pass.
+onnx::ModelProto buildConversionNetwork(const ImageFormat& from, const ImageFormat& to, bool portable = false);
 
 using FormatPair = std::pair<ImageFormat, ImageFormat>;
 // Every ordered pair of different formats.
@@ -38,6 +40,7 @@ std::vector<FormatPair> allConversionPairs();
 FormatPair parseConversionName(const std::string& name);
 
 // Writes <modelFolder>/imgcvt/<A>_TO_<B>.onnx for each pair.
-void writeConversionNetworks(const std::filesystem::path& modelFolder, const std::vector<FormatPair>& pairs);
+void writeConversionNetworks(const std::filesystem::path& modelFolder, const std::vector<FormatPair>& pairs,
+                             bool portable = false);
 
 }  // namespace qpkg

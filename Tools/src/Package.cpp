@@ -25,9 +25,9 @@ std::filesystem::path configFolderOf(const std::filesystem::path& packageDir) { 
 
 std::filesystem::path modelFolderOf(const std::filesystem::path& packageDir) { return packageDir / "models"; }
 
-void writeImgcvt(const std::filesystem::path& modelFolder) {
-    writeConversionNetworks(modelFolder, allConversionPairs());
-    writeResizeNetworks(modelFolder);
+void writeImgcvt(const std::filesystem::path& modelFolder, bool portable) {
+    writeConversionNetworks(modelFolder, allConversionPairs(), portable);
+    writeResizeNetworks(modelFolder, portable);
     writeGammaAndStatsNetworks(modelFolder);
     writeBlendNetwork(modelFolder);
 }
@@ -35,7 +35,7 @@ void writeImgcvt(const std::filesystem::path& modelFolder) {
 std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packageDir, const PackageOptions& options) {
     const std::filesystem::path models = modelFolderOf(packageDir);
     writeConfigs(configFolderOf(packageDir), options.encrypt);
-    writeImgcvt(models);
+    writeImgcvt(models, options.portable);
     writeStandIns(models);
     writeKalmanFilter(models);
     for (ML::u32 t : {ML::F16, ML::F32}) writeDynamicSamplerNetwork(models, t);

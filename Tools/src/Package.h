@@ -13,7 +13,9 @@ std::filesystem::path configFolderOf(const std::filesystem::path& packageDir);  
 std::filesystem::path modelFolderOf(const std::filesystem::path& packageDir);   // <dir>/models
 
 // Every network of <modelFolder>/imgcvt: all conversions, resize, gamma and statistics.
-void writeImgcvt(const std::filesystem::path& modelFolder);
+// portable: conversions and resizes of standard ONNX operators only, instead of the fused operators that only
+// the ort backends run.
+void writeImgcvt(const std::filesystem::path& modelFolder, bool portable = false);
 
 // Where the real networks are unless the user says: $QUILLON_NETWORKS, else the source tree's
 // .deps/networks (scripts/setup unpacks them there).
@@ -21,6 +23,7 @@ std::filesystem::path defaultNetworksFolder();
 
 struct PackageOptions {
     bool encrypt = false;
+    bool portable = false;  // helper networks of standard ONNX operators only
     // Folder of the real networks (<folder>/<package folder>/<file>); empty: stand-ins only.
     std::filesystem::path networks;
     std::vector<std::string> with;  // GPL networks to include, by model id

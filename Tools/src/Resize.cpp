@@ -1,6 +1,7 @@
 #include "Resize.h"
 
 #include "Formats.h"
+#include "FusedNetwork.h"
 #include "GraphBuilder.h"
 #include "PackageFiles.h"
 
@@ -10,13 +11,18 @@ std::string resizeName(ML::u32 dataType, ML::u32 layout) {
     return "resize_" + typeText(dataType) + "_" + layoutText(layout);
 }
 
-onnx::ModelProto buildResizeNetwork(ML::u32 dataType, ML::u32 layout) {
+onnx::ModelProto buildResizeNetwork(ML::u32 dataType, ML::u32 layout, bool portable) {
     GraphBuilder g(resizeName(dataType, layout));
     const bool chw = layout == ML::Image::CHW;
     const Dims dims = chw ? Dims{Dim::named("N"), Dim::named("C"), Dim::named("H"), Dim::named("W")}
                           : Dims{Dim::named("N"), Dim::named("H"), Dim::named("W"), Dim::named("C")};
     const Dims outDims = chw ? Dims{Dim::named("N"), Dim::named("C"), Dim::named("outH"), Dim::named("outW")}
                              : Dims{Dim::named("N"), Dim::named("outH"), Dim::named("outW"), Dim::named("C")};
+    if (!portable)
+        return buildFusedNetwork(resizeName(dataType, layout),
+                                 {{"input", dataType, dims}, {"shape", ML::I64, Dims{Dim::fixed(4)}}},
+                                 "ResizeImage_" + typeText(dataType), {attrString("layout", layoutText(layout))},
+                                 {"output", dataType, outDims});
     const std::string x = g.input("input", dataType, dims);
     const std::string target = g.input("shape", ML::I64, Dims{Dim::fixed(4)});
 
@@ -38,12 +44,12 @@ onnx::ModelProto buildResizeNetwork(ML::u32 dataType, ML::u32 layout) {
     return g.build();
 }
 
-void writeResizeNetworks(const std::filesystem::path& modelFolder) {
+void writeResizeNetworks(const std::filesystem::path& modelFolder, bool portable) {
     const std::filesystem::path folder = modelFolder / "imgcvt";
     makeFolder(folder);
     for (ML::u32 type : allPixelTypes())
         for (ML::u32 layout : allLayouts())
-            writeModel(buildResizeNetwork(type, layout), folder / (resizeName(type, layout) + ".onnx"));
+            writeModel(buildResizeNetwork(type, layout, portable), folder / (resizeName(type, layout) + ".onnx"));
 }
 
 }  // namespace qpkg

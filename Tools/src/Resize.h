@@ -14,9 +14,11 @@ namespace qpkg {
 // "resize_F16_CHW"
 std::string resizeName(ML::u32 dataType, ML::u32 layout);
 
-onnx::ModelProto buildResizeNetwork(ML::u32 dataType, ML::u32 layout);
+// portable: standard ONNX operators only (Resize in F32 between casts). Otherwise one fused
+// ResizeImage_<type> node, which the ort backends run in the network's own element type.
+onnx::ModelProto buildResizeNetwork(ML::u32 dataType, ML::u32 layout, bool portable = false);
 
 // Writes the resize network of every pixel type and layout under <modelFolder>/imgcvt.
-void writeResizeNetworks(const std::filesystem::path& modelFolder);
+void writeResizeNetworks(const std::filesystem::path& modelFolder, bool portable = false);
 
 }  // namespace qpkg

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 
 #include "ToolTestUtil.h"
 
@@ -89,4 +90,26 @@ TEST(Cli, WritesOnlyWhatWasAskedAndNoTemporaries) {
             for (const char* size : {"1x64x32", "2x8x8"}) asked.push_back(std::string(name) + "_" + type + "_" + size + ".onnx");
     for (const std::string& f : asked) EXPECT_NE(std::find(files.begin(), files.end(), f), files.end()) << f;
     EXPECT_EQ(std::count_if(files.begin(), files.end(), [](const std::string& f) { return f.find("sampler") != std::string::npos; }), 1);
+}
+
+// --portable on default: no helper network of the package uses the fused operators' domain,
+// which the default package's conversions and resizes do.
+TEST(Cli, PortablePackageUsesStandardOperatorsOnly) {
+    auto usesFused = [](const fs::path& file) {
+        std::ifstream in(file, std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        return bytes.find("ai.quillon") != std::string::npos;
+    };
+    TempDir dir, none;
+    const CliResult r = runPkg("default " + quoted(dir.path()) + " --portable --networks " + quoted(none.path()));
+    ASSERT_EQ(r.code, 0) << r.err;
+    int networks = 0;
+    for (const std::string& f : listFiles(dir.path() / "models")) {
+        if (f.size() < 5 || f.substr(f.size() - 5) != ".onnx") continue;
+        ++networks;
+        EXPECT_FALSE(usesFused(dir.path() / "models" / f)) << f;
+    }
+    EXPECT_GT(networks, 1260);
+    for (const char* f : {"imgcvt/HWC-U8-RGBA_TO_CHW-F16-RGB.onnx", "imgcvt/resize_F16_CHW.onnx"})
+        EXPECT_TRUE(usesFused(packageModelFolder() / f)) << f;
 }

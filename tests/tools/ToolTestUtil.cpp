@@ -4,6 +4,7 @@
 
 #include <Imath/half.h>
 
+#include "FusedOps.h"
 #include "Util/ML_FileUtil.h"
 
 #include <algorithm>
@@ -79,6 +80,9 @@ Ort::SessionOptions sessionOptions() {
     Ort::SessionOptions o;
     o.SetIntraOpNumThreads(1);
     o.SetInterOpNumThreads(1);
+    // The fused helper operators as the ort backends run them; their rows split over 3 threads,
+    // so that large images take the threaded path.
+    ML::OrtBackend::addFusedOperators(o, 3);
     return o;
 }
 
@@ -131,6 +135,17 @@ std::vector<Tensor> Network::run(const std::vector<Tensor>& inputs) {
 
 fs::path packageConfigFolder() { return fs::path(QUILLON_TEST_PACKAGE_DIR) / "config"; }
 fs::path packageModelFolder() { return fs::path(QUILLON_TEST_PACKAGE_DIR) / "models"; }
+
+std::vector<PackageForm> packageForms() {
+    static TempDir portable;
+    static const bool written = [] {
+        const CliResult r = runPkg("imgcvt " + portable.path().string() + " --portable");
+        if (r.code != 0) throw std::runtime_error("quillon-pkg imgcvt --portable failed: " + r.err);
+        return true;
+    }();
+    (void)written;
+    return {{"fused", packageModelFolder()}, {"portable", portable.path()}};
+}
 
 CliResult runPkg(const std::string& args) {
     TempDir io;

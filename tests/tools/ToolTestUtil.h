@@ -26,7 +26,7 @@ struct Tensor {
 // are given.
 Tensor makeTensor(ML::u32 type, std::vector<int64_t> shape, std::vector<float> values = {});
 
-// One written network, loaded into an ONNX Runtime CPU session.
+// One written network, loaded into an ONNX Runtime CPU session that knows the fused operators.
 class Network {
 public:
     explicit Network(const fs::path& path);
@@ -58,6 +58,14 @@ Tensor crop(const Tensor& t, int64_t y0, int64_t x0, int64_t h, int64_t w);
 
 // n deterministic values, uniform in lo..hi.
 std::vector<float> randomValues(size_t n, unsigned seed, float lo = -1.0f, float hi = 1.0f);
+
+// Model folders of the helper networks in both forms: "fused" (the default package's) and
+// "portable" (standard operators only: quillon-pkg imgcvt --portable, written once per process).
+struct PackageForm {
+    const char* name;
+    fs::path models;
+};
+std::vector<PackageForm> packageForms();
 
 // Runs the quillon-pkg executable with the given arguments (already quoted as needed).
 struct CliResult {
