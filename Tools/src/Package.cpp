@@ -6,6 +6,7 @@
 #include "Conversion.h"
 #include "FaceMaskNetworks.h"
 #include "FlowStandIns.h"
+#include "MaskPropagationStandIn.h"
 #include "MaskRleNetworks.h"
 #include "GammaStats.h"
 #include "KalmanFilter.h"
@@ -42,6 +43,7 @@ std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packag
     for (ML::u32 t : {ML::F16, ML::F32}) writeDynamicSamplerNetwork(models, t);
     writeWarpAffineCrop(models);
     writeMaskRleNetworks(models);
+    writeMaskPropagationStandIns(models);
     tfjs::RealNetworks real;
     if (!options.networks.empty())
         real = tfjs::writeRealNetworks(models, options.networks, options.sources ? *options.sources : tfjs::networkSources(),

@@ -14,7 +14,8 @@ QT_ModelParams QT_ModelParams::read(const std::string& modelId, const nlohmann::
     p.tMax = params.at("tMax").get<i32>();
     p.pMax = params.at("pMax").get<i32>();
     p.objsMax = params.at("objsMax").get<i32>();
-    for (const auto& [name, member] : params.at("submodelsInfo").items()) p.submodelNames.push_back(name);
+    p.submodelsInfo = params.at("submodelsInfo");
+    for (const auto& [name, member] : p.submodelsInfo.items()) p.submodelNames.push_back(name);
     return p;
 }
 

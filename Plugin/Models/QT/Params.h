@@ -18,6 +18,7 @@ struct QT_ModelParams {
     std::vector<std::pair<i32, i32>> execShapes;  // height, width
     i32 tMax = 0, pMax = 0, objsMax = 0;
     std::vector<std::string> submodelNames;  // members of "submodelsInfo", in file order
+    nlohmann::json submodelsInfo;            // the members themselves
 
     // Reads "params" of one entry of the model description (the JSON library's exceptions for
     // missing or mistyped keys).
