@@ -4,6 +4,7 @@
 // whatever the cache lost or holds corrupted between them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <functional>
@@ -67,17 +68,18 @@ const std::vector<ImagePtr>& clip() {
 
 struct Result {
     int status = -1;
-    ImagePtr mask, colorized;
+    ImagePtr mask, colorized, second;
 };
 
 // One render of `frame`, keyframe 0 with the true disc.
-Result render(int frame, bool colorized = false) {
+// With two objects, the second has no mask on the keyframe.
+Result render(int frame, bool colorized = false, int objects = 1) {
     auto s = std::make_shared<QHost::CallSettings>(4, 4);
     s->setModelIndex(0);
     s->setDataFolder((testpkg::packageDir / "config").string());
     s->setAuxFolder((testpkg::packageDir / "models").string());
     s->setFrame(static_cast<ML::u32>(frame));
-    s->setIntParam(300, 0, 1);
+    s->setIntParam(300, 0, objects);
     s->setIntParam(301, 0, 1);
     s->setIntParam(302, 0, 0);
     s->setIntParam(303, 0, 0);
@@ -90,6 +92,8 @@ Result render(int frame, bool colorized = false) {
     });
     Result out;
     s->setOutputImage(static_cast<ML::u32>(frame), out.mask = QHost::OwnedImage::make({0, 0, kW, kH}, Image::R, Image::HWC, ML::F32), {2, 0});
+    if (objects > 1)
+        s->setOutputImage(static_cast<ML::u32>(frame), out.second = QHost::OwnedImage::make({0, 0, kW, kH}, Image::R, Image::HWC, ML::F32), {2, 1});
     if (colorized)
         s->setOutputImage(static_cast<ML::u32>(frame),
                           out.colorized = QHost::OwnedImage::make({0, 0, kW, kH}, Image::RGB, Image::HWC, ML::U8), {1, -1});
@@ -195,6 +199,17 @@ TEST(MaskPropagationEffect, StateOfAnotherSizeIsRefused) {
     EXPECT_NE(testing::PrintToString(host().logger().lines()).find("has 100 bytes, expected"), std::string::npos);
     host().cache().evict(key);
     EXPECT_EQ(renderValues(1), inOrder().at(1));
+}
+
+// An object that no keyframe shows runs through every network with an empty memory and gets an
+// empty mask; the other object's mask is as if it were alone.
+TEST(MaskPropagationEffect, ObjectWithoutKeyframeGetsAnEmptyMask) {
+    host().cache().clear();
+    const Result r = render(2, false, 2);
+    ASSERT_EQ(r.status, ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
+    EXPECT_EQ(values(r.mask), inOrder().at(2));
+    const std::vector<float> second = values(r.second);
+    EXPECT_EQ(std::count(second.begin(), second.end(), 0.0f), static_cast<long>(second.size()));
 }
 
 TEST(MaskPropagationEffect, ColorizedPreviewTintsTheDisc) {
