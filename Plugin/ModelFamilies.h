@@ -3,6 +3,7 @@
 #include "Plugin/Models/DA2/Context.h"
 #include "Plugin/Models/FastDVDNet/Context.h"
 #include "Plugin/Models/PLKSR/Context.h"
+#include "Plugin/Models/QT/Context.h"
 #include "Plugin/Models/RAFT/Context.h"
 #include "Plugin/Models/RIFE/Context.h"
 #include "Plugin/Models/RRDBNet/Context.h"

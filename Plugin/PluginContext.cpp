@@ -122,7 +122,7 @@ void PluginContext::registerModels() {
     registerModel<UnavailableModel>("fdvd_aligned");
     registerModel<RAFT::Context>("raft");
     registerModel<UnavailableModel>("memfof");
-    registerModel<UnavailableModel>("qt");
+    registerModel<QT_Context>("qt");
     registerModel<RIFE::Context>("rife");
     registerModel<YOLO7::Context>("y7");
     registerModel<UnavailableModel>("sam");

@@ -19,6 +19,7 @@
 #include "Host/Cli/SampleImage.h"
 #include "Host/Cli/Session.h"
 #include "Host/Cli/Targets.h"
+#include "Host/OwnedImage.h"
 #include "Host/Media/MediaSource.h"
 
 namespace QCli {
@@ -34,6 +35,7 @@ struct NetworkRuns {
     std::filesystem::path file;
     long runs = 0;
     int tileW = 0, tileH = 0;  // the inputs' extents where the network leaves them free
+    std::vector<std::vector<int64_t>> shapes;  // every input's shape, where the tile says too little
 };
 
 // What the timed frames did, as the bench's targets need it.
@@ -144,7 +146,40 @@ Networks detectionNetworks(Session& session, const Options& o, const RenderReque
     return n;
 }
 
+// Mask propagation of one object keyed on the first timed frame, at the execution size (one
+// tile, one chunk of masks): per frame the query encoder, the readout, fusion, transformer and
+// decoder, the masks and their encoder; every fifth frame the mask encoder for working memory;
+// the keyframe's encoding once. The memory's shapes are those of the model's slots.
+constexpr int kMaskPropagationExecH = 512, kMaskPropagationExecW = 1024, kMaskPropagationSlots = 5;
+
+Networks maskPropagationNetworks(Session& session, const Options&, const RenderRequest&, const TimedFrames& t) {
+    const std::filesystem::path models = session.packageDir() / "models" / "qt";
+    const int64_t h = kMaskPropagationExecH, w = kMaskPropagationExecW, h16 = h / 16, w16 = w / 16;
+    const int64_t thw = kMaskPropagationSlots * h16 * w16;
+    const long n = t.frames;
+    const auto run = [&](const char* name, long runs, std::vector<std::vector<int64_t>> shapes) {
+        NetworkRuns r;
+        r.file = models / (std::string("qt_") + name + ".onnx");
+        r.runs = runs;
+        r.shapes = std::move(shapes);
+        return r;
+    };
+    const std::vector<int64_t> cells{1, 256, h16, w16}, plane{1, 1, h, w}, summary{1, 1, 16, 257};
+    return {{run("qe", n + 1, {{1, 3, h, w}}),
+             run("get_readout", n, {{1, thw, 64}, {1, h16, w16, 64}, {1, thw, 1}, {1, h16, w16, 64}, {1, thw, 256},
+                                    {1, kMaskPropagationSlots, 1}}),
+             run("f", n, {cells, cells, cells, {1, 1, h16, w16}, {1, 1, h16, w16}}),
+             run("ot", n, {cells, summary, summary, {1, h16, w16, 256}}),
+             run("md", n, {{1, 512, h / 8, w / 8}, {1, 256, h / 4, w / 4}, cells, cells}),
+             run("get_masks", n + n / 5, {plane}),
+             run("get_mask_others", 1 + n / 5, {plane}),
+             run("me", 1 + n / 5, {{1, 3, h, w}, cells, cells, plane, plane}),
+             run("rle_encoder", n, {{2100000}})},
+            "resampling, the memory's uploads and the masks' copies counted as plug-in work"};
+}
+
 const BenchTarget kBenchTargets[] = {
+    {TARGET_MASK_PROPAGATION, kMaskPropagationExecW, kMaskPropagationExecH, 10, maskPropagationNetworks},
     {TARGET_OPTICAL_FLOW, 1920, 1080, 10, flowNetworks},
     {TARGET_RETIMING, 1920, 1080, 3, retimingNetworks},
     {1, 1920, 1080, 6, denoiseNetworks},
@@ -245,7 +280,7 @@ DirectRun runDirect(const NetworkRuns& n, const QMedia::Frame& picture) {
         const Ort::TypeInfo type = session.GetInputTypeInfo(i);
         const auto info = type.GetTensorTypeAndShapeInfo();  // a view into `type`
         // Free extents: one image of the tile size.
-        std::vector<int64_t> shape = info.GetShape();
+        std::vector<int64_t> shape = n.shapes.empty() ? info.GetShape() : n.shapes.at(i);
         for (std::size_t d = 0; d < shape.size(); ++d)
             if (shape[d] < 1) shape[d] = shape.size() == 4 && d == 1 ? 3 : shape.size() == 4 && d == 2 ? (n.tileH > 0 ? n.tileH : 256)
                                          : shape.size() == 4 && d == 3 ? (n.tileW > 0 ? n.tileW : 256) : 1;
@@ -310,7 +345,8 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     const auto* bench = std::find_if(std::begin(kBenchTargets), std::end(kBenchTargets),
                                      [&](const BenchTarget& b) { return b.target == o.target; });
     if (bench == std::end(kBenchTargets))
-        throw UsageError("bench measures denoise, upres, optical-flow, retiming, depth, face-detection and plate-detection only");
+        throw UsageError("bench measures denoise, upres, optical-flow, mask-propagation, retiming, depth, face-detection "
+                         "and plate-detection only");
     const int width = o.benchWidth > 0 ? o.benchWidth : bench->width;
     const int height = o.benchHeight > 0 ? o.benchHeight : bench->height;
     const int frames = o.benchFrames > 0 ? o.benchFrames : bench->frames;
@@ -329,6 +365,19 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     const QMedia::Frame picture = o.input.empty() ? makeSampleImage(width, height) : benchPicture(o.input, width, height);
     RenderRequest request = renderRequestFor(options);
     request.sourceFrame = [&picture](int) { return picture; };  // the one picture stands for every frame
+    ML::Ptr<QHost::OwnedImage> keyMask;
+    if (o.target == TARGET_MASK_PROPAGATION) {
+        // One object, a disc in the middle of frame 1, which starts the walk.
+        keyMask = QHost::OwnedImage::make({0, 0, width, height}, ML::Image::R, ML::Image::HWC, ML::F32);
+        const float r = 0.2f * static_cast<float>(std::min(width, height));
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x)
+                keyMask->at<float>(x, y) = std::hypot(x - width / 2.0f, y - height / 2.0f) <= r ? 1.0f : 0.0f;
+        for (const char* p : {"300:int=1", "301:int=1", "302:int=1", "304:int=1"}) request.params.push_back(parseParam(p));
+        request.keyframeMask = [&keyMask](int f, int index) {
+            return f == 1 && index == 0 ? ML::Ptr<ML::Image>(keyMask) : ML::Ptr<ML::Image>();
+        };
+    }
     FrameRenderer renderer(session, cancel, request);
     const std::string modelId = modelIdOf(session, o.target, o.model);
     out << targetName(o.target) << " (" << modelId << ") of a " << width << "x" << height << " picture";

@@ -27,7 +27,8 @@ ML::u32 outputLayout(int target, ML::u32 format) {
 ML::u32 outputFormat(int target, int id, const QHost::OwnedImage& input) {
     if (target == TARGET_DEPTH) return id == 0 ? ML::ImageImp::R : ML::ImageImp::RGB;
     if (target == TARGET_OPTICAL_FLOW) return id == 0 ? ML::ImageImp::RG : ML::ImageImp::RGB;
-    if (isDetectionTarget(target) && id == 0) return ML::ImageImp::R;  // the objects' mask
+    if ((isDetectionTarget(target) || target == TARGET_MASK_PROPAGATION) && id == 0)
+        return ML::ImageImp::R;  // the objects' mask
     return input.getChannelFormat();
 }
 
@@ -112,12 +113,16 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, co
         settings->setInputImage(static_cast<ML::u32>(number), toHostImage(picture, inRect));
     if (request_.sourceFrame) {
         const auto read = request_.sourceFrame;
-        settings->setInputImageProvider([read, inRect](ML::u32 number, ML::ResourceId id, const ML::Rect*) {
+        const auto mask = request_.keyframeMask;
+        settings->setInputImageProvider([read, mask, inRect](ML::u32 number, ML::ResourceId id, const ML::Rect*) {
+            if (id.id == 2 && mask) return mask(static_cast<std::int32_t>(number), id.index);
             if (id.id != 0) return ML::Ptr<ML::Image>();
             return ML::Ptr<ML::Image>(toHostImage(read(static_cast<std::int32_t>(number)), inRect));
         });
     }
-    settings->setOutputImage(frameNumber, output, {0, -1});
+    // Mask propagation writes the object's mask as image (2, 0).
+    settings->setOutputImage(frameNumber, output,
+                             request_.target == TARGET_MASK_PROPAGATION ? ML::ResourceId{2, 0} : ML::ResourceId{0, -1});
     // Only the buffers asked for exist: effects skip the work of outputs nobody reads.
     settings->setCreateOutputBuffers(false);
     for (const BufferOutput& b : request_.buffers)

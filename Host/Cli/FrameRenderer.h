@@ -31,6 +31,8 @@ struct RenderRequest {
     // Any source frame by number (frames past the clip's ends repeat its first or last), for
     // effects that may ask for frames beyond those handed over; thread-safe. Empty: none.
     std::function<QMedia::Frame(int)> sourceFrame;
+    // Mask propagation: the mask of object `index` on keyframe `frame` (null: none).
+    std::function<ML::Ptr<ML::Image>(int frame, int index)> keyframeMask;
 };
 
 using NeighbourFrames = std::map<int, QMedia::Frame>;

@@ -63,6 +63,9 @@ Render options:
   --speed S                  retiming: each output frame moves on by S source frames (0.5: twice as
                              slow); the source position goes to the effect as float parameter 400
   --fps F                    retiming: output frame rate F for a video input (frame-rate conversion)
+  mask-propagation (output 0: the mask; --output1: the picture with the object tinted):
+  --keyframe N=PATH          the object's mask on frame N, from an image (repeat for more
+                             keyframes); the walk starts at the first keyframe
   face-detection and plate-detection (output 0: the objects' mask; --output1: the picture with
   the objects blurred away):
   --json PATH                the objects as JSON (buffer 234): PATH with a frame number gives a

@@ -103,6 +103,16 @@ void parseSize(const std::string& text, int& width, int& height) {
     height = static_cast<int>(parseInteger(text.substr(x + 1), "size", 1, 16384));
 }
 
+KeyframeMask parseKeyframe(const std::string& text) {
+    const auto eq = text.find('=');
+    if (eq == std::string::npos || eq == 0 || eq + 1 == text.size())
+        throw UsageError("--keyframe wants FRAME=PATH, not '" + text + "'");
+    KeyframeMask k;
+    k.frame = static_cast<int>(parseInteger(text.substr(0, eq), "keyframe", 0, INT_MAX / 2));
+    k.path = text.substr(eq + 1);
+    return k;
+}
+
 BufferOutput parseBufferOutput(const std::string& text) {
     const auto eq = text.find('=');
     if (eq == std::string::npos || eq + 1 == text.size())
@@ -162,6 +172,8 @@ Options parseArguments(const std::vector<std::string>& args) {
             o.backend = value();
         } else if (arg == "--device") {
             o.device = static_cast<std::uint32_t>(parseInteger(value(), "device", 0, INT_MAX));
+        } else if (arg == "--keyframe") {
+            o.keyframes.push_back(parseKeyframe(value()));
         } else if (arg == "--roi") {
             o.roi = parseRoi(value());
         } else if (arg == "--offset") {

@@ -20,6 +20,12 @@ enum class Command { Help, List, Render, Demo, Bench };
 constexpr int kJsonBuffer = 234;
 constexpr int kSegmentationBuffer = 235;
 
+// A keyframe of mask propagation: the mask of the one object drawn on that frame.
+struct KeyframeMask {
+    int frame = 0;
+    std::filesystem::path path;
+};
+
 struct BufferOutput {
     int id = 0;
     int index = -1;
@@ -40,6 +46,7 @@ struct Options {
     std::filesystem::path output;
     std::filesystem::path output1;     // colourised or second output image, optional
     std::vector<BufferOutput> buffers;
+    std::vector<KeyframeMask> keyframes;  // mask-propagation
     std::vector<ParamSetting> params;
     std::optional<QMedia::FrameRange> frames;
     std::string backend;               // empty: the plug-in's default
@@ -67,5 +74,6 @@ QMedia::FrameRange parseFrameRange(const std::string& text);  // "A-B" or "A"
 ML::Rect parseRoi(const std::string& text);                     // "x0,y0,x1,y1"
 void parseSize(const std::string& text, int& width, int& height);  // "WxH"
 BufferOutput parseBufferOutput(const std::string& text);       // "ID[.INDEX]=PATH"
+KeyframeMask parseKeyframe(const std::string& text);            // "FRAME=PATH"
 
 }  // namespace QCli

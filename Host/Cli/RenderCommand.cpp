@@ -1,6 +1,7 @@
 // quillon render: frames of an input through one effect into output files.
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -21,6 +22,7 @@
 #include "Host/Media/MediaSource.h"
 #include "Host/Media/PendingFile.h"
 #include "Host/Media/SequencePattern.h"
+#include "Host/OwnedImage.h"
 
 namespace QCli {
 
@@ -121,6 +123,46 @@ void finishOutput(QMedia::MediaSink& sink) {
     }
 }
 
+// The keyframes' masks as one-channel float images of the input's size (the first channel of
+// each file, 0..1), and the parameters of one object walked from the first keyframe.
+struct KeyframeMasks {
+    std::map<int, ML::Ptr<QHost::OwnedImage>> masks;
+    std::vector<ParamSetting> params;
+};
+
+KeyframeMasks readKeyframeMasks(const std::vector<KeyframeMask>& keyframes, int width, int height) {
+    if (keyframes.empty()) throw UsageError("mask-propagation needs at least one --keyframe FRAME=PATH");
+    KeyframeMasks k;
+    const auto param = [&](int id, int index, int value) {
+        ParamSetting p;
+        p.id = id;
+        p.index = index;
+        p.setsInt = true;
+        p.intValue = value;
+        k.params.push_back(p);
+    };
+    int first = keyframes.front().frame;
+    for (size_t i = 0; i < keyframes.size(); ++i) {
+        const KeyframeMask& kf = keyframes[i];
+        auto source = openInput(kf.path);
+        const QMedia::Frame frame = readFrame(*source, source->frameRange().first);
+        if (frame.width() != width || frame.height() != height)
+            throw UsageError("keyframe mask " + kf.path.string() + " is " + std::to_string(frame.width()) + "x" +
+                             std::to_string(frame.height()) + ", the input " + std::to_string(width) + "x" +
+                             std::to_string(height));
+        auto mask = QHost::OwnedImage::make({0, 0, width, height}, ML::Image::R, ML::Image::HWC, ML::F32);
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x) mask->at<float>(x, y) = frame.sample(x, y, 0);
+        k.masks[kf.frame] = mask;
+        param(302, static_cast<int>(i), kf.frame);
+        first = std::min(first, kf.frame);
+    }
+    param(300, 0, 1);
+    param(301, 0, static_cast<int>(keyframes.size()));
+    param(304, 0, first);
+    return k;
+}
+
 }  // namespace
 
 int runRender(const Options& o, std::ostream& out, std::ostream& err) {
@@ -153,6 +195,24 @@ int runRender(const Options& o, std::ostream& out, std::ostream& err) {
             std::lock_guard<std::mutex> lock(sourceMutex);
             return readFrame(*source, std::clamp(f, clip.first, clip.last));
         };
+    }
+    KeyframeMasks keyframeMasks;
+    if (o.target == TARGET_MASK_PROPAGATION) {
+        const QMedia::Frame firstFrame = readFrame(*source, frames.first);
+        keyframeMasks = readKeyframeMasks(o.keyframes, firstFrame.width(), firstFrame.height());
+        request.params.insert(request.params.end(), keyframeMasks.params.begin(), keyframeMasks.params.end());
+        // The walk reads keyframes and the frames on its way, in any order of renders.
+        request.sourceFrame = [&](int f) {
+            std::lock_guard<std::mutex> lock(sourceMutex);
+            return readFrame(*source, std::clamp(f, clip.first, clip.last));
+        };
+        request.keyframeMask = [&](int f, int index) -> ML::Ptr<ML::Image> {
+            auto found = keyframeMasks.masks.find(f);
+            if (index != 0 || found == keyframeMasks.masks.end()) return nullptr;
+            return ML::Ptr<ML::Image>(found->second);
+        };
+    } else if (!o.keyframes.empty()) {
+        throw UsageError("--keyframe is for mask-propagation only");
     }
     FrameRenderer renderer(session, cancelWatch, request);
 

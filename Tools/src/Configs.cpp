@@ -7,6 +7,7 @@
 #include "FlowStandIns.h"
 #include "Import/FaceDetector.h"
 #include "KalmanFilter.h"
+#include "MaskPropagationStandIn.h"
 #include "PackageFiles.h"
 #include "PlateDetector.h"
 #include "StandIns.h"
@@ -129,6 +130,30 @@ TargetConfig faceDetector() {
     return c;
 }
 
+// Mask propagation by the memory of the effect with hand-made features (stand-in networks of the
+// family, "qt/qt_<name>", of any shape).
+TargetConfig maskPropagationStandIn() {
+    TargetConfig c = entry(4, "mask_propagation_config.json", "qt", kMaskPropagationStandInId,
+                           "Mask propagation stand-in (colour and position memory)",
+                           "Classical stand-in networks, no trained weights: the memory of keyframes and recent "
+                           "frames with keys from the colour and position of 16 x 16 cells and values from the "
+                           "masks; each frame reads the memory by attention. Follows distinctly coloured objects.",
+                           512, 1024);
+    c.params["execShapes"] = nlohmann::json::array({{512, 1024}});
+    c.params["tMax"] = 5;
+    c.params["pMax"] = 2;
+    c.params["objsMax"] = 8;
+    nlohmann::json submodels = nlohmann::json::object();
+    for (const char* name : {"get_pos_enc", "qe", "me", "mo", "get_mask_others", "get_readout", "f", "ot", "md",
+                             "get_masks", "get_masks_aa", "rle_encoder", "rle_decoder", "mask_colorizer"})
+        submodels[name] = {{"learned", false},
+                           {"model_supports_dynamic_shapes", true},
+                           {"override_dynamic_shapes", false},
+                           {"shapes_depend_on", nlohmann::json::array()}};
+    c.params["submodelsInfo"] = submodels;
+    return c;
+}
+
 // The face detector: tracking runs the package's exact Kalman update and, in advanced mode, the
 // face crop and embedding networks at 112 x 112.
 TargetConfig depthStandIn() {
@@ -152,7 +177,7 @@ const std::vector<TargetConfig>& targetConfigs() {
             enhancer(std::string(kUpresStandInId) + "_enhance", "Enhance stand-in (sharpen x1)",
                      "Same-size mild sharpen (a fixed 3x3 kernel) as a stand-in network."),
             flowStandIn(),
-            standIn(4, "mask_propagation_config.json", "qt", "mask_propagation"),
+            maskPropagationStandIn(),
             retimeStandIn(),
             faceDetector(),
             plateStandIn(),

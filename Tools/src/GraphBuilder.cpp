@@ -12,6 +12,7 @@ namespace qpkg {
 int onnxElemType(ML::u32 dataType) {
     switch (dataType) {
         case ML::U8: return onnx::TensorProto::UINT8;
+        case ML::I8: return onnx::TensorProto::INT8;
         case ML::I32: return onnx::TensorProto::INT32;
         case ML::F16: return onnx::TensorProto::FLOAT16;
         case ML::F32: return onnx::TensorProto::FLOAT;
@@ -72,6 +73,7 @@ onnx::AttributeProto attrScalarTensor(const std::string& name, ML::u32 dataType,
             break;
         }
         case ML::F32: t->add_float_data(static_cast<float>(value)); break;
+        case ML::I32: t->add_int32_data(static_cast<int32_t>(value)); break;
         case ML::I64: t->add_int64_data(static_cast<int64_t>(value)); break;
         default: throw std::logic_error("unsupported constant type");
     }

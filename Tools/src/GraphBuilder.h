@@ -16,7 +16,7 @@ namespace qpkg {
 constexpr int kOpsetVersion = 17;
 constexpr int kIrVersion = 8;
 
-// ONNX element type of an ML::DataType (U8, I32, F16, F32, I64 only).
+// ONNX element type of an ML::DataType (U8, I8, I32, F16, F32, I64 only).
 int onnxElemType(ML::u32 dataType);
 
 // One extent of a tensor: a fixed size, or a symbol shared by tensors of equal extent.

@@ -6,6 +6,8 @@
 #include "Conversion.h"
 #include "FaceMaskNetworks.h"
 #include "FlowStandIns.h"
+#include "MaskPropagationStandIn.h"
+#include "MaskRleNetworks.h"
 #include "GammaStats.h"
 #include "KalmanFilter.h"
 #include "Resize.h"
@@ -40,6 +42,8 @@ std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packag
     writeKalmanFilter(models);
     for (ML::u32 t : {ML::F16, ML::F32}) writeDynamicSamplerNetwork(models, t);
     writeWarpAffineCrop(models);
+    writeMaskRleNetworks(models);
+    writeMaskPropagationStandIns(models);
     tfjs::RealNetworks real;
     if (!options.networks.empty())
         real = tfjs::writeRealNetworks(models, options.networks, options.sources ? *options.sources : tfjs::networkSources(),

@@ -83,6 +83,39 @@ TEST(CliRender, DepthFollowsLumaInTheRegionAndColourViewIsWritten) {
     EXPECT_GT(spread, 0.3f);
 }
 
+// A red square moving right over grey, drawn on keyframes 0 and 6 of a sequence: the mask of
+// every frame covers the square and leaves the rest; the preview tints the square.
+TEST(CliRender, MaskPropagationFromKeyframeFiles) {
+    TempDir dir;
+    const auto square = [](int f, int x, int y) { return x >= 10 + 4 * f && x < 34 + 4 * f && y >= 12 && y < 36; };
+    for (int f = 0; f < 8; ++f) {
+        QMedia::Frame frame = greyFrame(96, 48, 0.45f), mask = greyFrame(96, 48, 0.0f);
+        for (int y = 0; y < 48; ++y)
+            for (int x = 0; x < 96; ++x)
+                if (square(f, x, y))
+                    for (int c = 0; c < 3; ++c) frame.setSample(x, y, c, c == 0 ? 0.9f : 0.1f), mask.setSample(x, y, c, 1.0f);
+        QMedia::writeImage(dir / ("in." + std::to_string(f) + ".png"), frame);
+        if (f == 0 || f == 6) QMedia::writeImage(dir / ("key" + std::to_string(f) + ".png"), mask);
+    }
+    const auto r = runQuillon("render -t mask-propagation -i " + quote(dir / "in.%d.png") + " --keyframe 0=" +
+                              quote(dir / "key0.png") + " --keyframe 6=" + quote(dir / "key6.png") + " -o " +
+                              quote(dir / "m.%d.exr") + " --output1 " + quote(dir / "p.%d.png"));
+    ASSERT_EQ(r.exitCode, 0) << r.output;
+    for (int f = 0; f < 8; ++f) {
+        const QMedia::Frame mask = readImage(dir / ("m." + std::to_string(f) + ".exr"));
+        int wrong = 0;
+        for (int y = 0; y < 48; ++y)
+            for (int x = 0; x < 96; ++x) wrong += (mask.sample(x, y, 0) > 0.5f) != square(f, x, y);
+        EXPECT_LT(wrong, 24 * 24 / 10) << "frame " << f;
+    }
+    const QMedia::Frame preview = readImage(dir / "p.3.png");
+    EXPECT_NEAR(preview.sample(90, 40, 1), 0.45f, 0.02f);
+    const auto noKeyframe = runQuillon("render -t mask-propagation -i " + quote(dir / "in.%d.png") + " -o " +
+                                       quote(dir / "n.%d.exr"));
+    EXPECT_NE(noKeyframe.exitCode, 0);
+    EXPECT_NE(noKeyframe.output.find("--keyframe"), std::string::npos) << noKeyframe.output;
+}
+
 TEST(CliRender, VideoToSequenceAndSequenceToVideo) {
     TempDir dir;
     {

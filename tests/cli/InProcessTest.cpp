@@ -85,6 +85,9 @@ TEST(CliOptions, PiecesAndUsageErrors) {
     EXPECT_THROW(parseRoi("1,2,3"), UsageError);
     EXPECT_THROW(parseRoi("5,5,5,9"), UsageError);
     EXPECT_THROW(parseBufferOutput("0"), UsageError);
+    EXPECT_EQ(parseKeyframe("40=m.png").frame, 40);
+    EXPECT_EQ(parseKeyframe("40=m.png").path, "m.png");
+    for (const char* k : {"40", "=m.png", "40=", "x=m.png", "-1=m.png"}) EXPECT_THROW(parseKeyframe(k), UsageError) << k;
     const std::vector<std::vector<std::string>> bad = {
         {}, {"paint"}, {"list", "--bogus"}, {"list", "extra"},
         {"render", "-i", "a.png", "-o", "b.exr"},  // no target

@@ -23,13 +23,14 @@ namespace tooltest {
 
 namespace {
 
-// U8, F16, F32, I32 and I64 with their ONNX Runtime types and sizes.
+// U8, I8, F16, F32, I32 and I64 with their ONNX Runtime types and sizes.
 struct TypeInfo {
     ML::u32 type;
     ONNXTensorElementDataType ort;
     size_t size;
 };
 const TypeInfo kTypes[] = {{ML::U8, ONNX_TENSOR_ELEMENT_DATA_TYPE_UINT8, 1},
+                           {ML::I8, ONNX_TENSOR_ELEMENT_DATA_TYPE_INT8, 1},
                            {ML::F16, ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16, 2},
                            {ML::F32, ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT, 4},
                            {ML::I32, ONNX_TENSOR_ELEMENT_DATA_TYPE_INT32, 4},
@@ -62,6 +63,7 @@ std::vector<float> fromBytes(ML::u32 type, const uint8_t* p, size_t count) {
     for (size_t i = 0; i < count; ++i, p += typeInfo(type).size) {
         switch (type) {
             case ML::U8: values[i] = *p; break;
+            case ML::I8: values[i] = static_cast<int8_t>(*p); break;
             case ML::F16: std::memcpy(&f16, p, 2); values[i] = Imath::half(Imath::half::FromBits, f16); break;
             case ML::F32: std::memcpy(&values[i], p, 4); break;
             case ML::I32: std::memcpy(&i32, p, 4); values[i] = static_cast<float>(i32); break;

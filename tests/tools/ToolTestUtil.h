@@ -15,7 +15,7 @@ namespace tooltest {
 
 namespace fs = std::filesystem;
 
-// A tensor in host memory: element type (U8, F16, F32, I32, I64), shape and the values as floats.
+// A tensor in host memory: element type (U8, I8, F16, F32, I32, I64), shape and the values as floats.
 struct Tensor {
     ML::u32 type = ML::F32;
     std::vector<int64_t> shape;
