@@ -163,7 +163,7 @@ std::vector<std::string> signature(Network& net) {
     std::vector<std::string> out;
     auto describe = [&](const Ort::AllocatedStringPtr& name, const Ort::TypeInfo& info) {
         const auto t = info.GetTensorTypeAndShapeInfo();
-        const char* names[] = {"U8", "F16", "F32", "I32", "I64"};
+        const char* names[] = {"U8", "I8", "F16", "F32", "I32", "I64"};  // in the order of kTypes
         std::string s = std::string(name.get()) + " " + names[&typeInfo(0, t.GetElementType()) - kTypes] + " ";
         for (int64_t d : t.GetShape()) s += std::to_string(d) + "x";
         s.pop_back();
