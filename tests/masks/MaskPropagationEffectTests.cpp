@@ -67,8 +67,6 @@ const std::vector<ImagePtr>& clip() {
     return frames;
 }
 
-// Called with each frame the effect reads, while it renders.
-std::function<void(ML::u32)> whileReading;
 // The region the host asks for, when set.
 std::optional<Rect> region;
 
@@ -92,10 +90,7 @@ Result render(int frame, bool colorized = false, int objects = 1) {
     s->setIntParam(304, 0, 0);
     static const ImagePtr keyMask = trueMask(0);
     s->setInputImageProvider([](ML::u32 f, ML::ResourceId id, const Rect*) -> ML::Ptr<Image> {
-        if (id.id == 0) {
-            if (whileReading) whileReading(f);
-            return clip().at(f);
-        }
+        if (id.id == 0) return clip().at(f);
         if (id.id == 2 && f == 0 && id.index == 0) return keyMask;
         return nullptr;
     });
@@ -178,7 +173,6 @@ TEST(MaskPropagationEffect, SameMasksWhateverTheOrderAndTheCache) {
         const char* name;
         std::vector<int> order;
         std::function<void()> between;
-        std::function<void(ML::u32)> during = {};  // while frames are read
     };
     const auto evict = [](const std::string& prefix) {
         for (const std::string& k : keysStartingWith(prefix)) host().cache().evict(k);
@@ -190,22 +184,14 @@ TEST(MaskPropagationEffect, SameMasksWhateverTheOrderAndTheCache) {
         {"everything evicted", {7, 6, 7}, [] { host().cache().clear(); }},
         {"state header overwritten", {6, 11, 4}, [] { damageState(0, 40); }},
         {"state counters overwritten", {6, 11, 12}, [] { damageState(44, 8); }},  // of the one object
-        // Frame 3 is read twice a render (prepare, then render): the fourth read is in the render
-        // of 5, which restarts a walk whose state goes between its look-up and its use.
-        {"restart while the state is purged", {10, 5}, [&] { evict("qtMasks_frame:"); },
-         [&, reads = 0](ML::u32 f) mutable {
-             if (f == 3 && ++reads == 4) evict("qtState_");
-         }},
     };
     for (const Row& r : rows) {
         host().cache().clear();
-        whileReading = r.during;
         for (int f : r.order) {
             EXPECT_EQ(renderValues(f), expected.at(f)) << r.name << ", frame " << f;
             r.between();
         }
     }
-    whileReading = nullptr;
 }
 
 // A state of another size under the key (the keyframes' masks changed since) cannot stop the
