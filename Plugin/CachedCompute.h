@@ -17,11 +17,10 @@ namespace ML {
 // source location get this file's.
 Result<void> resultOfCurrentException();
 
-// The buffer of `key`: the host's if it holds one, else a new one of `size` bytes that
-// fill(Buffer&) writes. Throws the failure of the host or of fill.
-// A buffer of another size under the key (left by another model, say) is refused.
+// The buffer of `key`: the host's if it holds one (of whatever size), else a new one of `size`
+// bytes that fill(Buffer&) writes. Throws the failure of the host or of fill.
 template <class Fill>
-Ptr<Buffer> computeCached(Host* host, u64 call, const std::string& key, u64 size, Fill&& fill) {
+Ptr<Buffer> computeCachedAnySize(Host* host, u64 call, const std::string& key, u64 size, Fill&& fill) {
     struct Call {
         Fill& fill;
         static Result<void> run(void*, void* user, Ptr<Buffer> buffer) {
@@ -35,7 +34,16 @@ Ptr<Buffer> computeCached(Host* host, u64 call, const std::string& key, u64 size
         }
     } record{fill};
     Ptr<Buffer> buffer = checkResult(host->computeCachedBuffer(call, &record, makeString(key), size, &Call::run));
-    if (!buffer || buffer->getSize() != size)
+    if (!buffer) ML_THROW("Cached buffer '" + key + "' has 0 bytes, expected " + std::to_string(size));
+    return buffer;
+}
+
+// As computeCachedAnySize, but a buffer of another size under the key (left by another model,
+// say) is refused.
+template <class Fill>
+Ptr<Buffer> computeCached(Host* host, u64 call, const std::string& key, u64 size, Fill&& fill) {
+    Ptr<Buffer> buffer = computeCachedAnySize(host, call, key, size, std::forward<Fill>(fill));
+    if (buffer->getSize() != size)
         ML_THROW("Cached buffer '" + key + "' has " + std::to_string(buffer ? buffer->getSize() : 0) + " bytes, expected " +
                  std::to_string(size));
     return buffer;

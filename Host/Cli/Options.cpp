@@ -173,7 +173,11 @@ Options parseArguments(const std::vector<std::string>& args) {
         } else if (arg == "--device") {
             o.device = static_cast<std::uint32_t>(parseInteger(value(), "device", 0, INT_MAX));
         } else if (arg == "--keyframe") {
-            o.keyframes.push_back(parseKeyframe(value()));
+            KeyframeMask k = parseKeyframe(value());
+            for (const KeyframeMask& earlier : o.keyframes)
+                if (earlier.frame == k.frame)
+                    throw UsageError("--keyframe given twice for frame " + std::to_string(k.frame));
+            o.keyframes.push_back(std::move(k));
         } else if (arg == "--roi") {
             o.roi = parseRoi(value());
         } else if (arg == "--offset") {

@@ -95,6 +95,7 @@ TEST(CliOptions, PiecesAndUsageErrors) {
         {"render", "-t", "depth", "-i", "a.png"},  // no output
         {"render", "-t", "depth", "-i", "a.png", "-o"},
         {"render", "-t", "depth", "-i", "a", "-o", "b", "--threads", "0"},
+        {"render", "-t", "mask-propagation", "-i", "a", "-o", "b", "--keyframe", "3=m.png", "--keyframe", "3=n.png"},
     };
     for (const auto& args : bad) {
         try {

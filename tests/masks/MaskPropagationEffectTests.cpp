@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,9 @@ const std::vector<ImagePtr>& clip() {
     return frames;
 }
 
+// The region the host asks for, when set.
+std::optional<Rect> region;
+
 struct Result {
     int status = -1;
     ImagePtr mask, colorized, second;
@@ -90,6 +94,7 @@ Result render(int frame, bool colorized = false, int objects = 1) {
         if (id.id == 2 && f == 0 && id.index == 0) return keyMask;
         return nullptr;
     });
+    if (region) s->setDefaultRoi(*region);
     Result out;
     s->setOutputImage(static_cast<ML::u32>(frame), out.mask = QHost::OwnedImage::make({0, 0, kW, kH}, Image::R, Image::HWC, ML::F32), {2, 0});
     if (objects > 1)
@@ -189,16 +194,40 @@ TEST(MaskPropagationEffect, SameMasksWhateverTheOrderAndTheCache) {
     }
 }
 
-// A state of another size under the key is refused with a message until the host drops it.
-TEST(MaskPropagationEffect, StateOfAnotherSizeIsRefused) {
+// A state of another size under the key (the keyframes' masks changed since) cannot stop the
+// sequence: the walk goes on in a state of its own size, and stays there.
+TEST(MaskPropagationEffect, StateOfAnotherSizeStartsOver) {
     host().cache().clear();
     ASSERT_EQ(render(0).status, ML::STATUS_OK);
     const std::string key = keysStartingWith("qtState_").at(0);
     host().cache().store(key, ML::Ptr<ML::Buffer>(new ML::BufferImp(100)));
-    EXPECT_EQ(render(1).status, 4);
-    EXPECT_NE(testing::PrintToString(host().logger().lines()).find("has 100 bytes, expected"), std::string::npos);
-    host().cache().evict(key);
     EXPECT_EQ(renderValues(1), inOrder().at(1));
+    EXPECT_EQ(renderValues(2), inOrder().at(2));
+    EXPECT_EQ(host().cache().find(key)->getSize(), 100u);
+}
+
+// A mask already cached at another length (of another region, say) is kept when a walk passes
+// its frame again, and decodes as far as it goes: the rest is empty.
+TEST(MaskPropagationEffect, MaskOfAnotherLengthIsKept) {
+    host().cache().clear();
+    ASSERT_EQ(render(4).status, ML::STATUS_OK);
+    const std::string key = keysStartingWith("qtMasks_frame:2_").at(0);
+    host().cache().store(key, ML::Ptr<ML::Buffer>(new ML::BufferImp(2)));
+    for (const std::string& k : keysStartingWith("qtState_")) host().cache().evict(k);
+    host().cache().evict(keysStartingWith("qtMasks_frame:4_").at(0));
+    EXPECT_EQ(renderValues(4), inOrder().at(4));
+    const std::vector<float> cut = renderValues(2);
+    EXPECT_EQ(std::count(cut.begin(), cut.end(), 0.0f), static_cast<long>(kW * kH));
+}
+
+TEST(MaskPropagationEffect, EmptyRegionIsRefused) {
+    for (const Rect& r : {Rect{10, 10, 10, 50}, Rect{10, 50, 60, 20}}) {
+        host().cache().clear();
+        region = r;
+        EXPECT_EQ(render(1).status, 4);
+        EXPECT_NE(testing::PrintToString(host().logger().lines()).find("is empty"), std::string::npos);
+    }
+    region.reset();
 }
 
 // An object that no keyframe shows runs through every network with an empty memory and gets an

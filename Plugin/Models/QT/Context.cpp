@@ -49,6 +49,16 @@ void colorize(ModelCommon& common, QT_TmpHostState& tmp, const QT::Submodels& su
                              makeNewImageView(f.colorized, f.rect));
 }
 
+// The host's region of a frame, refused when empty.
+Rect regionOf(Host* host, u64 call, i32 frame) {
+    const Rect r = checkResult(host->getROI(call, static_cast<u32>(frame)));
+    if (r.x1 <= r.x0 || r.y1 <= r.y0 || static_cast<i64>(r.x1) - r.x0 > QT::kMaxRegionSide ||
+        static_cast<i64>(r.y1) - r.y0 > QT::kMaxRegionSide)
+        ML_THROW("Region of interest of frame " + std::to_string(frame) + " is empty or too large: (" + std::to_string(r.x0) + ", " +
+                 std::to_string(r.y0) + ") to (" + std::to_string(r.x1) + ", " + std::to_string(r.y1) + ")");
+    return r;
+}
+
 }  // namespace
 
 QT_Context::QT_Context(std::shared_ptr<ModelContext> context, std::shared_ptr<ModelCommon> common)
@@ -122,7 +132,7 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
 
     const bool forward = frame >= startFrame;
     const std::string sequence = QT::sequenceKey({h, w, params.modelId, objects, startFrame, keyframeNumbers});
-    const std::string stateKey = QT::stateKey(sequence, forward);
+    std::string stateKey = QT::stateKey(sequence, forward);
     QT_StateHeader header;
     header.h = h;
     header.w = w;
@@ -135,60 +145,14 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
     header.forward = forward ? 1 : 0;
     header.dataType = static_cast<i32>(dataType);
 
-    QT::WalkInput walkIn{frame, startFrame, false, false, 0, 0};
-    Ptr<Buffer> maskBuffer = findCached(host, call, QT::maskKey(sequence, frame));
-    Ptr<Buffer> oldState;
-    if (maskBuffer) {
-        walkIn.maskCached = true;
-    } else {
-        oldState = findCached(host, call, stateKey);
-        if (oldState) {
-            try {
-                const QT_HostState view(oldState);
-                // A header of other settings (the anti-aliasing, say) makes another walk.
-                walkIn.stateCached = std::memcmp(view.header, &header, sizeof header) == 0;
-                walkIn.framesProcessed = view.getFramesProcessed();
-                walkIn.keyframesEncoded = view.getKeyframesEncoded();
-            } catch (const ML::Exception& e) {
-                // Bytes that are no state of this sequence: started afresh, as if evicted.
-                logWarning(e.what());
-            }
-        }
-    }
-    const QT::WalkPlan plan = QT::planWalk(walkIn);
-    if (plan.restart && !prepareOnly) logWarning(QT::restartWarning(frame, plan.expected));
-
-    std::vector<WalkFrame> walk;
-    for (size_t i = 0; i < plan.framesToRun.size(); ++i) {
-        WalkFrame f;
-        f.frame = plan.framesToRun[i];
-        const u32 fu = static_cast<u32>(f.frame);
-        f.rect = checkResult(host->getROI(call, fu));
-        f.rgb = checkResult(host->getInputImage(call, fu, &f.rect, ResourceId{0, -1}));
-        if (!f.rgb) ML_THROW("Must provide input color image for frame " + std::to_string(f.frame));
-        if (!covers(f.rgb->getRect(), f.rect))
-            ML_THROW("Input image rect must cover full output image rect for frame " + std::to_string(f.frame));
-        for (i32 o = 0; o < objects; ++o) {
-            Ptr<Image> mask = checkResult(host->getOutputImage(call, fu, ResourceId{2, o}));
-            if (mask && mask->getChannelFormat() != Image::R) ML_THROW("Mask output must have channel format R!");
-            if (mask && !covers(mask->getRect(), f.rect)) ML_THROW("Mask output must cover output rect");
-            f.masks.push_back(mask);
-        }
-        if (i + 1 == plan.framesToRun.size()) {
-            f.colorized = checkResult(host->getOutputImage(call, fu, ResourceId{1, -1}));
-            if (f.colorized && !covers(f.colorized->getRect(), f.rect))
-                ML_THROW("Output colorized rect must cover full output ROI");
-        }
-        walk.push_back(std::move(f));
-    }
-
+    // The keyframes first: which of their masks the host has sizes the state.
     std::vector<QT::Keyframe> keyframes;
     std::vector<i32> keyCounts(static_cast<size_t>(objects), 0);
     for (i32 k : keyframeNumbers) {
         QT::Keyframe kf;
         kf.frame = k;
         const u32 ku = static_cast<u32>(k);
-        kf.rect = checkResult(host->getROI(call, ku));
+        kf.rect = regionOf(host, call, k);
         Ptr<Image> rgb = checkResult(host->getInputImage(call, ku, &kf.rect, ResourceId{0, -1}));
         if (!rgb) ML_THROW("rgb frame required for mask keyframe");
         if (!covers(rgb->getRect(), kf.rect)) ML_THROW("rgb frame for mask keyframe must cover mask size!");
@@ -207,24 +171,95 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
         if (!any) logWarning("No masks returned for keyframe at frame " + std::to_string(k));
         keyframes.push_back(std::move(kf));
     }
-    if (prepareOnly) return;
-
     const u64 size = QT::stateBytes(header, keyCounts);
+
+    QT::WalkInput walkIn{frame, startFrame, false, false, 0, 0};
+    Ptr<Buffer> maskBuffer = findCached(host, call, QT::maskKey(sequence, frame));
+    Ptr<Buffer> oldState;
+    if (maskBuffer) {
+        walkIn.maskCached = true;
+    } else {
+        oldState = findCached(host, call, stateKey);
+        if (oldState && oldState->getSize() != size) {
+            // The keyframes' masks changed since that state was made, and with them its size: the
+            // host cannot resize a buffer, so the sequence goes on under a key that names the size.
+            stateKey += "_bytes:" + std::to_string(size);
+            oldState = findCached(host, call, stateKey);
+        }
+        if (oldState) {
+            try {
+                const QT_HostState view(oldState);
+                // A header of other settings (the anti-aliasing, say) makes another walk.
+                walkIn.stateCached = std::memcmp(view.header, &header, sizeof header) == 0;
+                walkIn.framesProcessed = view.getFramesProcessed();
+                walkIn.keyframesEncoded = view.getKeyframesEncoded();
+            } catch (const ML::Exception& e) {
+                // Bytes that are no state of this sequence: started afresh, as if evicted.
+                logWarning(e.what());
+            }
+        }
+    }
+    QT::WalkPlan plan = QT::planWalk(walkIn);
+    if (plan.restart && !prepareOnly) logWarning(QT::restartWarning(frame, plan.expected));
+
+    std::vector<WalkFrame> walk;
+    const auto gatherWalk = [&] {
+        walk.clear();
+        for (size_t i = 0; i < plan.framesToRun.size(); ++i) {
+            WalkFrame f;
+            f.frame = plan.framesToRun[i];
+            const u32 fu = static_cast<u32>(f.frame);
+            f.rect = regionOf(host, call, f.frame);
+            f.rgb = checkResult(host->getInputImage(call, fu, &f.rect, ResourceId{0, -1}));
+            if (!f.rgb) ML_THROW("Must provide input color image for frame " + std::to_string(f.frame));
+            if (!covers(f.rgb->getRect(), f.rect))
+                ML_THROW("Input image rect must cover full output image rect for frame " + std::to_string(f.frame));
+            for (i32 o = 0; o < objects; ++o) {
+                Ptr<Image> mask = checkResult(host->getOutputImage(call, fu, ResourceId{2, o}));
+                if (mask && mask->getChannelFormat() != Image::R) ML_THROW("Mask output must have channel format R!");
+                if (mask && !covers(mask->getRect(), f.rect)) ML_THROW("Mask output must cover output rect");
+                f.masks.push_back(mask);
+            }
+            if (i + 1 == plan.framesToRun.size()) {
+                f.colorized = checkResult(host->getOutputImage(call, fu, ResourceId{1, -1}));
+                if (f.colorized && !covers(f.colorized->getRect(), f.rect))
+                    ML_THROW("Output colorized rect must cover full output ROI");
+            }
+            walk.push_back(std::move(f));
+        }
+    };
+    gatherWalk();
+    if (prepareOnly) return;
 
     bool purged = false;
     if (walkIn.stateCached) purged = !findCached(host, call, stateKey);
     bool initialised = false;
-    Ptr<Buffer> state = computeCached(host, call, stateKey, size, [&](Buffer& b) {
+    const auto fill = [&](Buffer& b) {
         initState(header, keyCounts, b);
         initialised = true;
-    });
+    };
+    // A replay reads no state: whatever the host holds under the key is left as it is.
+    Ptr<Buffer> state = plan.computeNothing ? computeCachedAnySize(host, call, stateKey, size, fill)
+                                            : computeCached(host, call, stateKey, size, fill);
+    bool copied = false;
     if (purged && oldState && oldState->getSize() == size) {
         logWarning("State appears to have been purged from compute cache mid-render. Copying previous state buffer to "
                    "current, freshly-initialized state buffer");
         std::memcpy(state->getData(), oldState->getData(), size);
+        copied = true;
     }
-    const bool needInit = plan.needInit && !plan.computeNothing;
-    if (needInit && !initialised) initState(header, keyCounts, *state);
+    bool needInit = plan.needInit && !plan.computeNothing;
+    if (initialised && !copied && !needInit && !plan.computeNothing) {
+        // The host let the state go between its look-up and now, and nothing of it was kept: the
+        // fresh one has no keyframes, so the walk starts over.
+        logWarning(QT::restartWarning(frame, plan.expected));
+        walkIn.stateCached = false;
+        plan = QT::planWalk(walkIn);
+        needInit = true;
+        gatherWalk();
+    }
+    // A state copied back from the old buffer is that buffer's; a fresh one is initialised already.
+    if (needInit && (!initialised || copied)) initState(header, keyCounts, *state);
 
     std::lock_guard<std::mutex> compute(modelContext->computeMutex);
     if (plan.computeNothing) {
@@ -251,7 +286,8 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
         QT::propagateFrame(*common, view, *r.tensors, *r.tmp, *r.submodels, plans, f.frame,
                            makeNewImageView(f.rgb, f.rect));
         const u64 length = QT::encodeMasks(*r.tensors, *r.tmp, *r.submodels);
-        computeCached(host, call, QT::maskKey(sequence, f.frame), length,
+        // A mask already there (of another region's size, say) stays: the cache keeps one per frame.
+        computeCachedAnySize(host, call, QT::maskKey(sequence, f.frame), length,
                       [&](Buffer& b) { std::memcpy(b.getData(), r.tmp->rleStream.data(), length); });
         deliverMasks(*common, *r.tmp, f);
         if (i + 1 == walk.size()) colorize(*common, *r.tmp, *r.submodels, f);

@@ -212,7 +212,8 @@ u64 encodeMasks(QT_ShapeTensors& ts, QT_TmpHostState& tmp, const Submodels& subm
 
 void decodeMasks(QT_ShapeTensors& ts, QT_TmpHostState& tmp, const Submodels& submodels, const u8* stream,
                  u64 streamBytes) {
-    if (streamBytes > tmp.rleStream.size()) ML_THROW("Cached mask stream is corrupt");
+    // A stream of another region's size is decoded as far as it goes; what it lacks stays zero.
+    streamBytes = std::min<u64>(streamBytes, tmp.rleStream.size());
     std::memset(tmp.rleStream.data(), 0, tmp.rleStream.size());
     std::memcpy(tmp.rleStream.data(), stream, streamBytes);
     std::memset(tmp.outMasks.data(), 0, tmp.outMasks.size());
@@ -220,11 +221,11 @@ void decodeMasks(QT_ShapeTensors& ts, QT_TmpHostState& tmp, const Submodels& sub
     const u8* cursor = tmp.rleStream.data();
     const u8* end = tmp.rleStream.data() + streamBytes;
     for (u64 c = 0; c < tmp.rleChunks; ++c) {
-        if (end - cursor < 4) ML_THROW("Cached mask stream is corrupt");
+        if (end - cursor < 4) break;
         i32 n;
         std::memcpy(&n, cursor, 4);
-        if (n < 0 || static_cast<u64>(n) > kRleChunk || static_cast<u64>(end - cursor) < 4 + 5 * static_cast<u64>(n))
-            ML_THROW("Cached mask stream is corrupt");
+        if (n < 0 || static_cast<u64>(n) > kRleChunk) ML_THROW("Cached mask stream is corrupt");
+        if (static_cast<u64>(end - cursor) < 4 + 5 * static_cast<u64>(n)) break;
         upload(*ts.rleCount, cursor);
         cursor += 4;
         if (n == 0) continue;

@@ -1,5 +1,6 @@
 #include "Plugin/Models/QT/Tensors.h"
 
+#include "ML/Exception.h"
 #include "Plugin/ImageTensorConverter.h"
 
 namespace ML {
@@ -65,6 +66,9 @@ QT_ShapeTensors::QT_ShapeTensors(ModelContext& c, const QT_StateHeader& hd)
 
 QT_TmpHostState::QT_TmpHostState(std::shared_ptr<ModelContext> c, const QT_StateHeader& hd, i32 outH, i32 outW)
     : context(std::move(c)), header(hd), outH(outH), outW(outW) {
+    if (outH <= 0 || outW <= 0 || outH > QT::kMaxRegionSide || outW > QT::kMaxRegionSide || hd.o <= 0)
+        ML_THROW("Mask output of " + std::to_string(outH) + "x" + std::to_string(outW) + " (HxW) for " +
+                 std::to_string(hd.o) + " objects is out of range");
     const u32 f = static_cast<u32>(hd.dataType);
     planeA = context->createTensor({1, 1, static_cast<u64>(outH), static_cast<u64>(outW)}, f);
     planeB = context->createTensor({1, 1, static_cast<u64>(outH), static_cast<u64>(outW)}, f);

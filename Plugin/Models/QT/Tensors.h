@@ -52,6 +52,8 @@ namespace QT {
 
 constexpr u64 kRleChunk = 2100000;
 constexpr u64 kRleChunkBytes = 4 + kRleChunk + 4 * kRleChunk;  // 10500004
+// The largest side of a mask region, in pixels.
+constexpr i64 kMaxRegionSide = 1 << 15;
 
 // An image description of a plane of the internal type.
 Ptr<Image> planeDescription(i32 h, i32 w, u32 channelFormat, u32 dataType);
