@@ -101,13 +101,8 @@ BENCHMARK(BM_DirectOrtRun)->Unit(benchmark::kMicrosecond);
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    Setup setup;
-    g_setup = &setup;
     benchutil::BestTimes reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    g_setup = nullptr;
+    if (!benchutil::runWithSetup(argc, argv, g_setup, reporter)) return 1;
 
     const double bridged = reporter.best("BM_BackendModelRun");
     const double direct = reporter.best("BM_DirectOrtRun");

@@ -86,13 +86,8 @@ BENCHMARK(BM_NetworksAlone)->Unit(benchmark::kMillisecond)->UseRealTime();
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    Setup setup;
-    g_setup = &setup;
     benchutil::BestTimes reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    g_setup = nullptr;
+    if (!benchutil::runWithSetup(argc, argv, g_setup, reporter)) return 1;
     const double call = reporter.best("BM_RunDetector");
     const double bare = reporter.best("BM_NetworksAlone");
     if (call >= 0 && bare > 0)

@@ -142,13 +142,8 @@ BENCHMARK(BM_PluginWorkPerFace)->Unit(benchmark::kMicrosecond)->UseRealTime();
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    Setup setup;
-    g_setup = &setup;
     benchutil::BestTimes reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    g_setup = nullptr;
+    if (!benchutil::runWithSetup(argc, argv, g_setup, reporter)) return 1;
     const double one = reporter.best("BM_EmbeddingsOneFace");
     const double eight = reporter.best("BM_EmbeddingsEightFaces");
     const double bare = reporter.best("BM_NetworksAlone");

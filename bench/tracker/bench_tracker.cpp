@@ -126,13 +126,8 @@ BENCHMARK_CAPTURE(BM_WalkBackAfterEviction, 50, 50)->Unit(benchmark::kMicrosecon
 }  // namespace
 
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    Setup setup;
-    g_setup = &setup;
     benchutil::BestTimes reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    g_setup = nullptr;
+    if (!benchutil::runWithSetup(argc, argv, g_setup, reporter)) return 1;
     const double update = reporter.best("BM_UpdateTracks20Faces");
     if (update > 0) {
         std::printf("update_tracks, 20 faces: %.1f us per frame, %.2f us per face\n", update, update / kFaces);

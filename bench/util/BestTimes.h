@@ -32,4 +32,17 @@ private:
     std::map<std::string, double> best_;
 };
 
+// The main of a bench whose benchmarks share one Setup: made before they run and reachable
+// through `global` while they do. False for unrecognised arguments (reported).
+template <class Setup>
+bool runWithSetup(int& argc, char** argv, Setup*& global, BestTimes& reporter) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return false;
+    Setup setup;
+    global = &setup;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    global = nullptr;
+    return true;
+}
+
 }  // namespace benchutil
