@@ -1,5 +1,6 @@
-// The denoiser stand-in's two stages, run with ONNX Runtime on synthetic footage: noise goes
-// down, moving objects leave no ghosts, HDR values pass through, any tile size works.
+// The denoiser stand-in's two stages, run with ONNX Runtime on synthetic footage: moving objects
+// leave no ghosts, HDR values pass through, any tile size works. (That the two stages together
+// take the noise down is checked end to end in tests/denoise.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -54,23 +55,6 @@ double psnr(const std::vector<float>& a, const std::vector<float>& clean) {
 }
 
 }  // namespace
-
-TEST(DenoiserStandIn, StaticNoiseGoesDownInEachStage) {
-    // Five noisy frames of a still scene: stage 1 on the middle three, then stage 2 on the
-    // stage-1 results of frames 1, 2, 3.
-    constexpr int64_t h = 96, w = 128;
-    const std::vector<float> clean = texturedScene(h, w);
-    std::vector<Tensor> noisy;
-    for (unsigned i = 0; i < 5; ++i) noisy.push_back(frame(h, w, withNoise(clean, kSigma, 100 + i)));
-    std::vector<Tensor> first;
-    for (size_t t = 1; t <= 3; ++t) first.push_back(runStage(1, noisy[t - 1], noisy[t], noisy[t + 1]));
-    const Tensor second = runStage(2, first[0], first[1], first[2]);
-
-    const double in = psnr(noisy[2].values, clean), one = psnr(first[1].values, clean),
-                 two = psnr(second.values, clean);
-    EXPECT_GT(one, in + 4.0);
-    EXPECT_GT(two, one + 1.0);
-}
 
 TEST(DenoiserStandIn, EachStageKeepsMotionHdrAndAnySize) {
     struct Inputs {

@@ -9,7 +9,6 @@
 
 #include "Host/Media/MediaSource.h"
 #include "Import/Adapters.h"
-#include "Import/NetworkSources.h"
 #include "Import/TfjsModel.h"
 #include "PackageFiles.h"
 #include "ToolTestUtil.h"
@@ -203,30 +202,6 @@ TEST_F(FaceDetector, NmsKeepsOneOfOverlappingCandidatesBestFirstAndPadsWithZeros
         const auto padding = kept.values.begin() + static_cast<long>(k.kept.size() * kCols);
         EXPECT_TRUE(std::all_of(padding, kept.values.end(), [](float v) { return v == 0.0f; })) << k.what;
     }
-}
-
-// The default package's entries for the detector: both files written from the real network,
-// recorded as BlazeFace's, with the family's inputs and outputs.
-TEST(FaceDetectorPackage, DefaultSourcesWriteBothNetworksWithTheFamilySignature) {
-    std::vector<tf::NetworkSource> sources;
-    for (const tf::NetworkSource& s : tf::networkSources())
-        if (s.modelId.rfind("fd0_", 0) == 0) sources.push_back(s);
-    TempDir out;
-    const tf::RealNetworks real =
-        tf::writeRealNetworks(out.path(), fs::path(QUILLON_SOURCE_DIR) / ".deps" / "networks", sources, {});
-    EXPECT_TRUE(real.notes.empty());
-    EXPECT_EQ(listFiles(out.path()), (std::vector<std::string>{"fd0_detector.onnx", "fd0_nms.onnx"}));
-    for (const tf::NetworkRecord& r : real.records) {
-        EXPECT_TRUE(r.imported) << r.modelId;
-        EXPECT_EQ(r.file, "models/blazeface.json") << r.modelId;
-    }
-
-    const auto rows = [](int64_t n) { return std::to_string(n) + "x" + std::to_string(kCols); };
-    const std::string raw = "raw F32 1x" + rows(tf::kFaceRows);
-    Network detector(out / "fd0_detector.onnx"), nms(out / "fd0_nms.onnx");
-    EXPECT_EQ(signature(detector), (std::vector<std::string>{"input F16 1x3x" + std::to_string(kH) + "x" + std::to_string(kW),
-                                                             raw, "count F32 1"}));
-    EXPECT_EQ(signature(nms), (std::vector<std::string>{raw, "nms F32 " + rows(tf::kFaceNmsRows)}));
 }
 
 }  // namespace

@@ -158,24 +158,6 @@ CliResult runPkg(const std::string& args) {
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ML::readBinaryFile(out), ML::readBinaryFile(err)};
 }
 
-std::vector<std::string> signature(Network& net) {
-    Ort::AllocatorWithDefaultOptions alloc;
-    std::vector<std::string> out;
-    auto describe = [&](const Ort::AllocatedStringPtr& name, const Ort::TypeInfo& info) {
-        const auto t = info.GetTensorTypeAndShapeInfo();
-        const char* names[] = {"U8", "I8", "F16", "F32", "I32", "I64"};  // in the order of kTypes
-        std::string s = std::string(name.get()) + " " + names[&typeInfo(0, t.GetElementType()) - kTypes] + " ";
-        for (int64_t d : t.GetShape()) s += std::to_string(d) + "x";
-        s.pop_back();
-        out.push_back(s);
-    };
-    for (size_t i = 0; i < net.session.GetInputCount(); ++i)
-        describe(net.session.GetInputNameAllocated(i, alloc), net.session.GetInputTypeInfo(i));
-    for (size_t i = 0; i < net.session.GetOutputCount(); ++i)
-        describe(net.session.GetOutputNameAllocated(i, alloc), net.session.GetOutputTypeInfo(i));
-    return out;
-}
-
 Tensor crop(const Tensor& t, int64_t y0, int64_t x0, int64_t h, int64_t w) {
     std::vector<float> v;
     for (int64_t c = 0; c < t.shape[1]; ++c)

@@ -42,8 +42,6 @@ fs::path packageModelFolder();
 // A network of the default package by its file name without ".onnx" (e.g. "imgcvt/blend_F32_1x3x384x384").
 inline Network packageNetwork(const std::string& name) { return Network(packageModelFolder() / (name + ".onnx")); }
 
-// Inputs and outputs of a network, one "name type dims" each (e.g. "input F16 1x3x8x8"), inputs first.
-std::vector<std::string> signature(Network& net);
 
 // A 1x3xHxW picture, and its element (c, y, x).
 inline Tensor planar(int64_t h, int64_t w, std::vector<float> v, ML::u32 type = ML::F32) {
