@@ -10,7 +10,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
 
+#include "Host/CallSettings.h"
 #include "Host/Host.h"
 #include "Host/OwnedImage.h"
 #include "Plugin/PluginMain.h"
@@ -46,6 +50,49 @@ inline void setValue(QHost::OwnedImage& image, ML::i32 x, ML::i32 y, ML::u32 cha
         image.at<Imath::half>(x, y, channel) = Imath::half(value);
     else
         image.at<float>(x, y, channel) = value;
+}
+
+// Settings of a render of frame by the given model of a target, with the default package's
+// networks and, unless given, its configuration folder.
+inline std::shared_ptr<QHost::CallSettings> packageSettings(
+    int mode, int target, ML::u32 frame, int model = 0,
+    const std::filesystem::path& config = std::filesystem::path(QUILLON_TEST_PACKAGE_DIR) / "config") {
+    auto settings = std::make_shared<QHost::CallSettings>(mode, target);
+    settings->setDataFolder(config.string());
+    settings->setAuxFolder((std::filesystem::path(QUILLON_TEST_PACKAGE_DIR) / "models").string());
+    settings->setModelIndex(model);
+    settings->setFrame(frame);
+    return settings;
+}
+
+// An image with every element of every pixel set to value.
+inline ML::Ptr<QHost::OwnedImage> filledImage(const ML::Rect& rect, ML::u32 format, ML::u32 type, float value,
+                                              ML::u32 layout = ML::Image::HWC) {
+    auto image = QHost::OwnedImage::make(rect, format, layout, type);
+    for (ML::i32 y = rect.y0; y < rect.y1; ++y)
+        for (ML::i32 x = rect.x0; x < rect.x1; ++x)
+            for (ML::u32 c = 0; c < image->channels(); ++c) setValue(*image, x, y, c, value);
+    return image;
+}
+
+// One render through mlMain, with the log cleared first so that it holds this render's lines only.
+inline ML::i32 render(const std::shared_ptr<QHost::CallSettings>& settings) {
+    host().logger().clear();
+    return host().run(&mlMain, settings);
+}
+
+// What a refused render logged: a cancelled one logs no error and `logged` (its warning, if any)
+// on some line; any other exactly one error line, holding `logged`.
+inline void expectRefusalLogged(ML::i32 status, const std::string& logged) {
+    const auto errors = host().logger().linesWith("[Quillon] [E] ");
+    if (status == ML::STATUS_CANCELLED) {
+        EXPECT_TRUE(errors.empty()) << errors.front();
+        EXPECT_TRUE(logged.empty() || host().logger().contains(logged))
+            << ::testing::PrintToString(host().logger().lines());
+        return;
+    }
+    ASSERT_EQ(errors.size(), 1u) << ::testing::PrintToString(host().logger().lines());
+    EXPECT_NE(errors[0].find(logged), std::string::npos) << errors[0];
 }
 
 }  // namespace inprocess
