@@ -28,6 +28,7 @@
 #include "Plugin/TiledNetworkRunner.h"
 
 #include "util/InProcessPlugin.h"
+#include "util/PackageContext.h"
 
 namespace {
 
@@ -35,25 +36,12 @@ using ML::Image;
 using ML::Rect;
 using ImagePtr = ML::Ptr<QHost::OwnedImage>;
 
-using inprocess::host;
-using inprocess::kSentinel;
-using inprocess::setValue;
-using inprocess::valueAt;
+using namespace inprocess;
 
 // fp16 tensors plus U8 input quantisation.
 constexpr float kTolerance = 4e-3f;
 
-const std::filesystem::path packageDir = QUILLON_TEST_PACKAGE_DIR;
-
-// Settings for a depth render of frame in the given mode, with the package's folders.
-std::shared_ptr<QHost::CallSettings> depthSettings(ML::u32 frame, int mode = 4) {
-    auto settings = std::make_shared<QHost::CallSettings>(mode, 9);
-    settings->setModelIndex(0);
-    settings->setDataFolder((packageDir / "config").string());
-    settings->setAuxFolder((packageDir / "models").string());
-    settings->setFrame(frame);
-    return settings;
-}
+std::shared_ptr<QHost::CallSettings> depthSettings(ML::u32 frame, int mode = 4) { return packageSettings(mode, 9, frame); }
 
 // 1 - Rec. 709 luminance of an RGB colour in 0..1.
 float expectedDepth(float r, float g, float b) { return 1.0f - (0.2126f * r + 0.7152f * g + 0.0722f * b); }
@@ -73,13 +61,6 @@ void paint(QHost::OwnedImage& image, const Rect& rect, float r, float g, float b
     for (ML::i32 y = std::max(rect.y0, bounds.y0); y < std::min(rect.y1, bounds.y1); ++y)
         for (ML::i32 x = std::max(rect.x0, bounds.x0); x < std::min(rect.x1, bounds.x1); ++x)
             for (ML::u32 c = 0; c < image.channels(); ++c) setValue(image, x, y, c, rgba[c]);
-}
-
-// Image with every element of every pixel set to value.
-ImagePtr filledImage(const Rect& rect, ML::u32 format, ML::u32 layout, ML::u32 type, float value) {
-    ImagePtr image = QHost::OwnedImage::make(rect, format, layout, type);
-    paint(*image, rect, value, value, value, value);
-    return image;
 }
 
 // Every element inside roi holds want[channel] (within tolerance); every element outside it
@@ -122,9 +103,9 @@ TEST(DepthRender, WritesDepthOfTheRegionOnly) {
     for (const auto& p : cases) {
         SCOPED_TRACE(p.roi.toString());
         const ML::u32 frame = 11;
-        ImagePtr input = filledImage(p.imageRect, p.inputFormat, p.inputLayout, p.inputType, 1.0f);
+        ImagePtr input = filledImage(p.imageRect, p.inputFormat, p.inputType, 1.0f, p.inputLayout);
         paint(*input, p.roi, p.colour[0], p.colour[1], p.colour[2]);
-        ImagePtr depth = filledImage(p.imageRect, Image::R, p.depthLayout, p.depthType, kSentinel);
+        ImagePtr depth = filledImage(p.imageRect, Image::R, p.depthType, kSentinel, p.depthLayout);
         auto settings = depthSettings(frame);
         settings->setRoi(frame, p.roi);
         settings->setInputImage(frame, input, {0, -1});
@@ -145,10 +126,10 @@ TEST(DepthRenderModes, PrepareThenRenderWithColorizedOutput) {
     const ML::u32 frame = 4;
     const Rect rect{0, 0, 300, 220}, roi{40, 30, 260, 190};
     const std::array<float, 3> colour{0.3f, 0.45f, 0.6f};  // depth about 0.57: every ramp channel between 0 and 1
-    ImagePtr input = filledImage(rect, Image::RGB, Image::HWC, ML::F32, 0.0f);
+    ImagePtr input = filledImage(rect, Image::RGB, ML::F32, 0.0f);
     paint(*input, roi, colour[0], colour[1], colour[2]);
-    ImagePtr depth = filledImage(rect, Image::R, Image::HWC, ML::F16, kSentinel);
-    ImagePtr colorized = filledImage(rect, Image::RGB, Image::HWC, ML::F32, kSentinel);
+    ImagePtr depth = filledImage(rect, Image::R, ML::F16, kSentinel);
+    ImagePtr colorized = filledImage(rect, Image::RGB, ML::F32, kSentinel);
     auto settings = depthSettings(frame, 3);
     settings->setRoi(frame, roi);
     settings->setInputImage(frame, input);
@@ -187,9 +168,9 @@ TEST(DepthRenderConcurrent, TwoThreadsRenderDifferentImages) {
     ImagePtr depths[2];
     std::shared_ptr<QHost::CallSettings> settings[2];
     for (int i = 0; i < 2; ++i) {
-        ImagePtr input = filledImage(rects[i], Image::RGBA, Image::HWC, ML::U8, 0.0f);
+        ImagePtr input = filledImage(rects[i], Image::RGBA, ML::U8, 0.0f);
         paint(*input, rois[i], colours[i][0], colours[i][1], colours[i][2]);
-        depths[i] = filledImage(rects[i], Image::R, Image::HWC, i == 0 ? ML::F16 : ML::F32, kSentinel);
+        depths[i] = filledImage(rects[i], Image::R, i == 0 ? ML::F16 : ML::F32, kSentinel);
         settings[i] = depthSettings(30 + i);
         settings[i]->setRoi(30 + i, rois[i]);
         settings[i]->setInputImage(30 + i, input);
@@ -262,24 +243,16 @@ TEST(DepthErrors, RefusedRendersTouchNothing) {
         SCOPED_TRACE(c.what);
         auto settings = depthSettings(5, c.mode);
         settings->setRoi(5, c.roi);
-        if (c.input) settings->setInputImage(5, filledImage(*c.input, Image::RGBA, Image::HWC, ML::U8, 0.5f));
+        if (c.input) settings->setInputImage(5, filledImage(*c.input, Image::RGBA, ML::U8, 0.5f));
         if (c.hostFailsInput) settings->failOperation(QHost::HostOperation::INPUT_IMAGE, ML::STATUS_HOST, "disk on fire");
         std::vector<std::pair<ImagePtr, float>> outputs;
         for (const Output& o : c.outputs) {
             const float fill = o.type == ML::U8 ? 0.25f : kSentinel;
-            outputs.emplace_back(filledImage(o.rect, o.format, o.layout, o.type, fill), fill);
+            outputs.emplace_back(filledImage(o.rect, o.format, o.type, fill, o.layout), fill);
             settings->setOutputImage(5, outputs.back().first, {o.index, -1});
         }
-        host().logger().clear();
-        EXPECT_EQ(host().run(&mlMain, settings), c.status);
-        const auto errors = host().logger().linesWith("[Quillon] [E] ");
-        if (c.status == ML::STATUS_CANCELLED) {
-            EXPECT_TRUE(errors.empty()) << errors.front();
-            EXPECT_TRUE(host().logger().contains(c.logged)) << ::testing::PrintToString(host().logger().lines());
-        } else {
-            ASSERT_EQ(errors.size(), 1u) << ::testing::PrintToString(host().logger().lines());
-            EXPECT_NE(errors[0].find(c.logged), std::string::npos) << errors[0];
-        }
+        EXPECT_EQ(render(settings), c.status);
+        expectRefusalLogged(c.status, c.logged);
         if (c.inputRequests >= 0) {
             EXPECT_EQ(settings->inputImageRequests().size(), static_cast<size_t>(c.inputRequests));
         }
@@ -289,8 +262,8 @@ TEST(DepthErrors, RefusedRendersTouchNothing) {
     // A failed render leaves the plug-in usable.
     auto settings = depthSettings(5);
     settings->setRoi(5, roi);
-    settings->setInputImage(5, filledImage(whole, Image::RGBA, Image::HWC, ML::U8, 0.5f));
-    ImagePtr depth = filledImage(whole, Image::R, Image::HWC, ML::F32, kSentinel);
+    settings->setInputImage(5, filledImage(whole, Image::RGBA, ML::U8, 0.5f));
+    ImagePtr depth = filledImage(whole, Image::R, ML::F32, kSentinel);
     settings->setOutputImage(5, depth);
     ASSERT_EQ(host().run(&mlMain, settings), ML::STATUS_OK);
     expectWrittenOnlyInRoi(*depth, roi, {expectedDepth(0.5f, 0.5f, 0.5f)}, "depth after the failures");
@@ -298,16 +271,8 @@ TEST(DepthErrors, RefusedRendersTouchNothing) {
 
 constexpr ML::i32 kExec = 256;
 
-class TiledRunner : public ::testing::Test {
+class TiledRunner : public testpkg::PackageSuite {
 protected:
-    static void SetUpTestSuite() {
-        context = std::make_shared<ML::ModelContext>("ort_cpu", 0, packageDir / "config", packageDir / "models");
-        common = std::make_unique<ML::ModelCommon>(context);
-    }
-    static void TearDownTestSuite() {
-        common.reset();
-        context.reset();
-    }
     ML::TiledNetworkRunner makeRunner() {
         auto inDesc = ML::makeDescription(kExec, kExec, Image::RGB, Image::CHW, ML::F16);
         auto outDesc = ML::makeDescription(kExec, kExec, Image::R, Image::CHW, ML::F16);
@@ -327,8 +292,6 @@ protected:
                 paint(*image, Rect{x, y, x + 1, y + 1}, unit(random), unit(random), unit(random));
         return image;
     }
-    static inline std::shared_ptr<ML::ModelContext> context;
-    static inline std::unique_ptr<ML::ModelCommon> common;
 };
 
 TEST_F(TiledRunner, PlansEqualThePointwiseFormulaInTheRegionOnly) {
@@ -352,7 +315,7 @@ TEST_F(TiledRunner, PlansEqualThePointwiseFormulaInTheRegionOnly) {
             EXPECT_GT(plan.numTiles, 4);
         }
         ImagePtr source = noisySource(c.image, c.format, c.type);
-        ImagePtr result = filledImage(c.image, Image::R, Image::HWC, c.resultType, kSentinel);
+        ImagePtr result = filledImage(c.image, Image::R, c.resultType, kSentinel);
         makeRunner().run(*common, plan, source, result);
         int wrong = 0;
         for (ML::i32 y = c.image.y0; y < c.image.y1; ++y)
@@ -374,7 +337,7 @@ TEST_F(TiledRunner, ReportsProgressAndStopsWhenCancelled) {
     ML::TiledExecution::ExecutionPlanMap plans({{kExec, kExec}});
     const auto& plan = plans.get(region, 32);
     ImagePtr source = noisySource(region, Image::RGB, ML::F32);
-    ImagePtr result = filledImage(region, Image::R, Image::HWC, ML::F32, kSentinel);
+    ImagePtr result = filledImage(region, Image::R, ML::F32, kSentinel);
     ML::TiledNetworkRunner runner = makeRunner();
     QHost::Host localHost;
     auto settings = std::make_shared<QHost::CallSettings>();
