@@ -31,10 +31,7 @@ using ML::Image;
 using ML::Rect;
 using ImagePtr = ML::Ptr<QHost::OwnedImage>;
 
-using inprocess::host;
-using inprocess::kSentinel;
-using inprocess::setValue;
-using inprocess::valueAt;
+using namespace inprocess;
 
 constexpr int kUpscaler = 0, kEnhancer = 2, kStandIn = 3;
 // Stands for the model with the bad padding, which the test appends after the package's own.
@@ -61,11 +58,7 @@ const std::filesystem::path& configFolder() {
 }
 
 std::shared_ptr<QHost::CallSettings> upresSettings(int model, float factor, int mode = 4) {
-    auto settings = std::make_shared<QHost::CallSettings>(mode, 2);
-    settings->setDataFolder(configFolder().string());
-    settings->setModelIndex(model == kBadPadding ? g_badPadding : model);
-    settings->setAuxFolder((packageDir / "models").string());
-    settings->setFrame(7);
+    auto settings = packageSettings(mode, 2, 7, model == kBadPadding ? g_badPadding : model, configFolder());
     settings->setFloatParam(200, 0, factor);
     settings->setIntParam(202, 0, 0);
     settings->setIntParam(203, 0, 0);
@@ -87,14 +80,6 @@ ImagePtr patternImage(const Rect& rect, ML::u32 format, ML::u32 type) {
         for (ML::i32 x = rect.x0; x < rect.x1; ++x)
             for (ML::u32 c = 0; c < image->channels(); ++c)
                 setValue(*image, x, y, c, c < 3 ? pattern(static_cast<float>(x), static_cast<float>(y), c) : 1.0f);
-    return image;
-}
-
-ImagePtr filledImage(const Rect& rect, ML::u32 format, ML::u32 type, float value) {
-    ImagePtr image = QHost::OwnedImage::make(rect, format, Image::HWC, type);
-    for (ML::i32 y = rect.y0; y < rect.y1; ++y)
-        for (ML::i32 x = rect.x0; x < rect.x1; ++x)
-            for (ML::u32 c = 0; c < image->channels(); ++c) setValue(*image, x, y, c, value);
     return image;
 }
 
@@ -189,16 +174,8 @@ TEST(UpresFamilies, RefusedRendersLogTheirReason) {
             output = filledImage(*c.output, Image::RGBA, ML::F32, kSentinel);
             settings->setOutputImage(7, output);
         }
-        host().logger().clear();
-        EXPECT_EQ(host().run(&mlMain, settings), c.status);
-        const auto errors = host().logger().linesWith("[Quillon] [E] ");
-        if (c.status == ML::STATUS_CANCELLED) {
-            EXPECT_TRUE(errors.empty());
-            EXPECT_TRUE(host().logger().contains(c.logged)) << testing::PrintToString(host().logger().lines());
-        } else {
-            ASSERT_EQ(errors.size(), 1u) << testing::PrintToString(host().logger().lines());
-            EXPECT_NE(errors[0].find(c.logged), std::string::npos) << errors[0];
-        }
+        EXPECT_EQ(render(settings), c.status);
+        expectRefusalLogged(c.status, c.logged);
         if (output) expectNearReference(*output, Rect{}, c.input, 1.0f, 1.0f, 1.0f);
     }
 }
