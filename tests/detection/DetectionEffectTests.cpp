@@ -67,11 +67,7 @@ struct Result {
 };
 
 Result render(int frame, const Render& r) {
-    auto s = std::make_shared<QHost::CallSettings>(4, r.target);
-    s->setModelIndex(0);
-    s->setDataFolder((packageDir / "config").string());
-    s->setAuxFolder((packageDir / "models").string());
-    s->setFrame(static_cast<ML::u32>(frame));
+    auto s = inprocess::packageSettings(4, r.target, static_cast<ML::u32>(frame));
     s->setFloatParam(500, 0, r.scaleX);
     s->setFloatParam(501, 0, r.scaleY);
     s->setIntParam(502, 0, r.tracking);
