@@ -1,5 +1,6 @@
-// The package's dynamic sampler against the mapping worked out here. (The normaliser, gamma,
-// statistics and fixed-size sampler networks are checked through the plug-in's helpers, in
+// The sampler networks against the mapping worked out here: the fixed-size one for a batch of two
+// and the package's dynamic one. (The normaliser, gamma and statistics networks, and the
+// fixed-size sampler for one image, plain and split, are checked through the plug-in's helpers in
 // tests/denoise and tests/upres.)
 #include <gtest/gtest.h>
 
@@ -24,6 +25,34 @@ float sampleReference(const std::function<float(int)>& v, int n, int t, float a,
 }
 
 }  // namespace
+
+// The fixed-size sampler for two images, as the command line writes it (the plug-in's tests only
+// use one image).
+TEST(FixedSizeSampler, KnownAnswersForEachImageOfTheBatch) {
+    TempDir dir;
+    ASSERT_EQ(runPkg("sampler \"" + dir.path().string() + "\" --type F16 --type F32 --size 2x6x10").code, 0);
+    // The source is 4 * column + 40 * row + image. Parameters: destination offset x and y, source
+    // offset x and y, origin x and y, scale; a position t samples the source, clamped to the tile,
+    // at (t + destination offset + 0.5 - origin) / scale + origin - 0.5 - source offset.
+    using Expect = std::function<float(int, int)>;  // of row and column, without the image term
+    const struct { std::vector<float> params; Expect value; } cases[] = {
+        {{0, 0, 0, 0, 0, 0, 2}, [](int y, int x) { return std::max(0, 2 * x - 1) + std::max(0, 20 * y - 10); }},
+        {{3, 0, 1, 2, 0, 0, 1}, [](int y, int x) { return 4 * std::min(x + 2, 9) + 40 * std::max(y - 2, 0); }},
+        {{0, 0, 0, 0, 4, 2, 2}, [](int y, int x) { return 2 * x + 7 + 20 * y + 30; }},
+    };
+    for (ML::u32 type : {ML::F16, ML::F32}) {
+        const std::string name = type == ML::F16 ? "F16" : "F32";
+        Network net(dir.path() / ("upres_sampler_" + name + "_2x6x10.onnx"));
+        Tensor src = makeTensor(type, {2, 1, 6, 10});
+        for (size_t i = 0; i < 120; ++i) src.values[i] = static_cast<float>(4 * (i % 10) + 40 * (i / 10 % 6) + i / 60);
+        for (const auto& c : cases) {
+            std::vector<float> want;
+            for (int i = 0; i < 120; ++i) want.push_back(c.value(i / 10 % 6, i % 10) + static_cast<float>(i / 60));
+            EXPECT_EQ(net.run1({src, makeTensor(ML::F32, {1, 7, 1, 1}, c.params)}).values, want)
+                << name << " scale " << c.params[6];
+        }
+    }
+}
 
 TEST(DynamicSampler, MatchesTheReference) {
     // A 1x3x6x10 source; rows give the parameters (a, b, c, d, originX, originY, scale) and the
