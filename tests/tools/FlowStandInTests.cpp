@@ -1,7 +1,6 @@
 // The optical-flow and retiming stand-ins, run with ONNX Runtime: flow of known motions (shifts,
-// a rotation), real footage, the colouring and largest-value networks, frame
-// interpolation of a moving square, and the retiming tiles' blend. (The scale input is checked end
-// to end in tests/motion, on a picture twice the network's size.)
+// a rotation), the scale input, real footage, the colouring and largest-value networks, frame
+// interpolation of a moving square, and the retiming tiles' blend.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -128,6 +127,23 @@ TEST(FlowStandIn, KnownMotionsAreMeasured) {
         }, k.margin);
         EXPECT_LT(epe, k.within) << k.h << "x" << k.w << " shift " << k.dx << ", " << k.dy << " rotation " << k.degrees;
     }
+}
+
+TEST(FlowStandIn, ScaleMultipliesEachComponent) {
+    const Texture tex(3);
+    const Tensor a = planar(kH, kW, tex.picture(kH, kW, [](float x, float y) { return std::pair{x, y}; }));
+    const Tensor b = planar(kH, kW, tex.picture(kH, kW, [](float x, float y) { return std::pair{x - 3.0f, y + 1.5f}; }));
+    const Tensor plain = runFlow(a, b);
+    const size_t plane = static_cast<size_t>(kH * kW);
+    for (const auto& [sx, sy] : {std::pair{2.0f, 3.0f}, {0.5f, -1.0f}}) {
+        const Tensor scaled = runFlow(a, b, sx, sy);
+        for (size_t i = 0; i < plane; i += 997) {
+            EXPECT_NEAR(scaled.values[i], sx * plain.values[i], 1e-4f) << i;
+            EXPECT_NEAR(scaled.values[plane + i], sy * plain.values[plane + i], 1e-4f) << i;
+        }
+    }
+    // The unscaled flow is the motion, so the scaled one is not just the scale.
+    EXPECT_NEAR(plain.values[plane / 2 + kW / 2], 3.0f, 0.3f);
 }
 
 TEST(FlowStandIn, RealFootageGivesVariedPlausibleFlowAndColours) {
