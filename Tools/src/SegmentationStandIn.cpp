@@ -31,13 +31,14 @@ std::string pool(GraphBuilder& g, const std::string& x, int64_t k) {
 // Mean over k x k neighbours (k odd) at the same size, edges averaging what they have.
 std::string smooth(GraphBuilder& g, const std::string& x, int64_t k) {
     const int64_t r = k / 2;
-    return g.op("AveragePool", {x}, {attrInts("kernel_shape", {k, k}), attrInts("pads", {r, r, r, r}),
-                                     attrInt("count_include_pad", 0)});
+    return g.op("AveragePool", {x},
+                {attrInts("kernel_shape", {k, k}), attrInts("pads", {r, r, r, r}), attrInt("count_include_pad", 0)});
 }
 std::string maxPool(GraphBuilder& g, const std::string& x, int64_t k, int64_t stride) {
     const int64_t r = stride == 1 ? k / 2 : 0;
-    return g.op("MaxPool", {x}, {attrInts("kernel_shape", {k, k}), attrInts("strides", {stride, stride}),
-                                 attrInts("pads", {r, r, r, r})});
+    return g.op(
+        "MaxPool", {x},
+        {attrInts("kernel_shape", {k, k}), attrInts("strides", {stride, stride}), attrInts("pads", {r, r, r, r})});
 }
 std::string padChannels(GraphBuilder& g, const std::string& x, int64_t have, int64_t total) {
     std::vector<int64_t> pads(8, 0);
@@ -60,12 +61,12 @@ std::string oneMinus(GraphBuilder& g, const std::string& x) { return sub(g, g.sc
 std::string lab(GraphBuilder& g, const std::string& rgb) {
     const std::string x = g.clip(rgb, 0.0f, 1.0f);
     const std::string linear =
-        g.op("Where", {g.op("Greater", {x, g.scalarF32(0.04045f)}),
-                       g.op("Pow", {g.divScalar(g.addScalar(x, 0.055f), 1.055f), g.scalarF32(2.4f)}),
-                       g.divScalar(x, 12.92f)});
+        g.op("Where",
+             {g.op("Greater", {x, g.scalarF32(0.04045f)}),
+              g.op("Pow", {g.divScalar(g.addScalar(x, 0.055f), 1.055f), g.scalarF32(2.4f)}), g.divScalar(x, 12.92f)});
     // sRGB primaries to XYZ, each row over the white point's component.
-    const float xyz[9] = {0.4124f / 0.95047f, 0.3576f / 0.95047f, 0.1805f / 0.95047f,
-                          0.2126f,            0.7152f,            0.0722f,
+    const float xyz[9] = {0.4124f / 0.95047f, 0.3576f / 0.95047f, 0.1805f / 0.95047f,  //
+                          0.2126f,            0.7152f,            0.0722f,             //
                           0.0193f / 1.08883f, 0.1192f / 1.08883f, 0.9505f / 1.08883f};
     const std::string t = g.op("Conv", {linear, g.constF32(std::vector<float>(xyz, xyz + 9), {3, 3, 1, 1})});
     const std::string f = g.op("Where", {g.op("Greater", {t, g.scalarF32(0.008856f)}),
@@ -102,9 +103,11 @@ onnx::ModelProto buildSegmentationEncoder(int64_t h, int64_t w) {
     const std::string image = in16(g, "image", shape({1, 3, h, w}));
     const std::string colour = lab(g, pool(g, image, 4));
     const std::string smoothed = g.mulScalar(smooth(g, colour, 5), kSegmentSmoothWeight);
-    const std::string luma = g.op("Conv", {g.clip(image, 0.0f, 1.0f), g.constF32({0.2126f, 0.7152f, 0.0722f}, {1, 3, 1, 1})});
+    const std::string luma =
+        g.op("Conv", {g.clip(image, 0.0f, 1.0f), g.constF32({0.2126f, 0.7152f, 0.0722f}, {1, 3, 1, 1})});
     const std::string mean = pool(g, luma, 4);
-    const std::string spread = g.op("Sqrt", {g.addScalar(g.op("Relu", {sub(g, pool(g, mul(g, luma, luma), 4), mul(g, mean, mean))}), 1e-8f)});
+    const std::string spread =
+        g.op("Sqrt", {g.addScalar(g.op("Relu", {sub(g, pool(g, mul(g, luma, luma), 4), mul(g, mean, mean))}), 1e-8f)});
     const std::string texture = g.mulScalar(smooth(g, spread, 3), kSegmentTextureWeight);
     const auto [px, py] = cellPositions(g, h4, w4, kSegmentPositionWeight / static_cast<float>(w4),
                                         kSegmentPositionWeight / static_cast<float>(h4), 0.5f);
@@ -145,24 +148,30 @@ onnx::ModelProto buildSegmentationDecoder(int64_t h, int64_t w, int64_t n, int64
     const std::string hasPositive = reduce(g, "ReduceMax", positive, 1);
     // The box's centre stands for the object when no point does.
     const std::string centreIsPositive = mul(g, hasBox, oneMinus(g, hasPositive));
-    const auto cat = [&](const std::string& a, const std::string& b) { return g.op("Concat", {a, b}, {attrInt("axis", 1)}); };
+    const auto cat = [&](const std::string& a, const std::string& b) {
+        return g.op("Concat", {a, b}, {attrInt("axis", 1)});
+    };
     const std::string xs = cat(px, g.mulScalar(add(g, x0, x1), 0.5f));
     const std::string ys = cat(py, g.mulScalar(add(g, y0, y1), 0.5f));
     const std::string positives = cat(positive, centreIsPositive);
-    const std::string negatives = cat(add(g, negative, add(g, topLeft, bottomRight)), g.mulScalar(centreIsPositive, 0.0f));
+    const std::string negatives =
+        cat(add(g, negative, add(g, topLeft, bottomRight)), g.mulScalar(centreIsPositive, 0.0f));
 
     // Features at the prompts' cells, and squared distances of every cell to each: B x m x cells.
-    const std::string features = g.op("Reshape", {slice(g, feat4, 1, 0, kFeatures), g.constI64({kFeatures, cells}, {2})});
+    const std::string features =
+        g.op("Reshape", {slice(g, feat4, 1, 0, kFeatures), g.constI64({kFeatures, cells}, {2})});
     const std::string column = g.clip(g.op("Floor", {g.divScalar(xs, 4.0f)}), 0.0f, static_cast<float>(w4 - 1));
     const std::string row = g.clip(g.op("Floor", {g.divScalar(ys, 4.0f)}), 0.0f, static_cast<float>(h4 - 1));
     const std::string cell = add(g, g.mulScalar(row, static_cast<float>(w4)), column);
-    const std::string index = g.op("Cast", {g.op("Reshape", {cell, g.constI64({-1}, {1})})}, {attrInt("to", onnx::TensorProto::INT64)});
-    const std::string sampled = g.op("Transpose", {g.op("Gather", {features, index}, {attrInt("axis", 1)})}, {attrInts("perm", {1, 0})});
+    const std::string index =
+        g.op("Cast", {g.op("Reshape", {cell, g.constI64({-1}, {1})})}, {attrInt("to", onnx::TensorProto::INT64)});
+    const std::string sampled =
+        g.op("Transpose", {g.op("Gather", {features, index}, {attrInt("axis", 1)})}, {attrInts("perm", {1, 0})});
     const std::string cross = g.op("MatMul", {sampled, features});
     const std::string squares = add(g, reduce(g, "ReduceSum", mul(g, sampled, sampled), 1),
                                     reduce(g, "ReduceSum", mul(g, features, features), 0));
-    const std::string distances = g.op("Reshape", {g.op("Relu", {sub(g, squares, g.mulScalar(cross, 2.0f))}),
-                                                   g.constI64({batch, m, cells}, {3})});
+    const std::string distances = g.op(
+        "Reshape", {g.op("Relu", {sub(g, squares, g.mulScalar(cross, 2.0f))}), g.constI64({batch, m, cells}, {3})});
     const auto nearest = [&](const std::string& which) {
         const std::string away = g.mulScalar(g.op("Unsqueeze", {oneMinus(g, which), g.constI64({2}, {1})}), kFar);
         return reduce(g, "ReduceMin", add(g, distances, away), 1, false);
@@ -173,30 +182,39 @@ onnx::ModelProto buildSegmentationDecoder(int64_t h, int64_t w, int64_t n, int64
     // Outside the box nothing belongs to the object.
     std::vector<float> cx, cy;
     for (int64_t y = 0; y < h4; ++y)
-        for (int64_t x = 0; x < w4; ++x) cx.push_back(4.0f * static_cast<float>(x) + 2.0f), cy.push_back(4.0f * static_cast<float>(y) + 2.0f);
+        for (int64_t x = 0; x < w4; ++x)
+            cx.push_back(4.0f * static_cast<float>(x) + 2.0f), cy.push_back(4.0f * static_cast<float>(y) + 2.0f);
     const std::string cellX = g.constF32(cx, {1, cells}), cellY = g.constF32(cy, {1, cells});
-    const auto atLeast = [&](const std::string& a, const std::string& b) { return toFloat(g, g.op("GreaterOrEqual", {a, b})); };
-    const std::string inside = mul(g, mul(g, atLeast(cellX, x0), atLeast(x1, cellX)), mul(g, atLeast(cellY, y0), atLeast(y1, cellY)));
+    const auto atLeast = [&](const std::string& a, const std::string& b) {
+        return toFloat(g, g.op("GreaterOrEqual", {a, b}));
+    };
+    const std::string inside =
+        mul(g, mul(g, atLeast(cellX, x0), atLeast(x1, cellX)), mul(g, atLeast(cellY, y0), atLeast(y1, cellY)));
     score = sub(g, score, g.mulScalar(mul(g, hasBox, oneMinus(g, inside)), kFar));
 
     // Seeds: the cells of the positive prompts.
     std::vector<float> ids(static_cast<size_t>(cells));
     for (int64_t i = 0; i < cells; ++i) ids[static_cast<size_t>(i)] = static_cast<float>(i);
-    const std::string hit = toFloat(g, g.op("Equal", {g.op("Unsqueeze", {cell, g.constI64({2}, {1})}), g.constF32(ids, {1, 1, cells})}));
-    const std::string seeds = reduce(g, "ReduceMax", mul(g, hit, g.op("Unsqueeze", {positives, g.constI64({2}, {1})})), 1, false);
+    const std::string hit =
+        toFloat(g, g.op("Equal", {g.op("Unsqueeze", {cell, g.constI64({2}, {1})}), g.constF32(ids, {1, 1, cells})}));
+    const std::string seeds =
+        reduce(g, "ReduceMax", mul(g, hit, g.op("Unsqueeze", {positives, g.constI64({2}, {1})})), 1, false);
 
     // Flood fill from the seeds over coarse cells where the object goes on.
     const std::string grid = g.constI64({batch, 1, h4, w4}, {4});
     const std::string score4 = g.op("Reshape", {score, grid});
-    const std::string passable = toFloat(g, g.op("Greater", {pool(g, toFloat(g, g.op("Greater", {score4, g.scalarF32(0.0f)})), 4), g.scalarF32(0.2f)}));
+    const std::string passable = toFloat(
+        g, g.op("Greater", {pool(g, toFloat(g, g.op("Greater", {score4, g.scalarF32(0.0f)})), 4), g.scalarF32(0.2f)}));
     const std::string seed16 = maxPool(g, g.op("Reshape", {seeds, grid}), 4, 4);
     std::string reached = seed16;
-    for (int64_t i = 0; i < h16 + w16; ++i) reached = g.op("Max", {seed16, mul(g, maxPool(g, reached, 3, 1), passable)});
+    for (int64_t i = 0; i < h16 + w16; ++i)
+        reached = g.op("Max", {seed16, mul(g, maxPool(g, reached, 3, 1), passable)});
     const std::string reach = g.op("Resize", {maxPool(g, reached, 3, 1), "", g.constF32({1.0f, 1.0f, 4.0f, 4.0f}, {4})},
                                    {attrString("mode", "nearest")});
     const std::string cut = g.op("Min", {score4, g.scalarF32(-kSegmentReach)});
     const std::string kept = add(g, mul(g, reach, score4), mul(g, oneMinus(g, reach), cut));
-    const std::string logits = g.clip(g.mulScalar(smooth(g, kept, 3), kSegmentLogitScale / kSegmentReach), -16.0f, 16.0f);
+    const std::string logits =
+        g.clip(g.mulScalar(smooth(g, kept, 3), kSegmentLogitScale / kSegmentReach), -16.0f, 16.0f);
     out16(g, logits, "lowResLogits", shape({batch, 1, h4, w4}));
     return g.build();
 }
@@ -208,8 +226,8 @@ onnx::ModelProto buildMaskColorizer() {
     const std::string color = in16(g, "color", rgb);
     const std::string mask = g.clip(in16(g, "mask", plane), 0.0f, 1.0f);
     const std::string tint = g.constF32({0.15f, 0.45f, 1.0f}, {1, 3, 1, 1});
-    const std::string out = add(g, mul(g, color, g.addScalar(g.mulScalar(mask, -0.5f), 1.0f)),
-                                g.mulScalar(mul(g, mask, tint), 0.5f));
+    const std::string out =
+        add(g, mul(g, color, g.addScalar(g.mulScalar(mask, -0.5f), 1.0f)), g.mulScalar(mul(g, mask, tint), 0.5f));
     out16(g, g.clip(out, 0.0f, 1.0f), "output", rgb);
     return g.build();
 }

@@ -54,10 +54,12 @@ const Shape kBar{false, 20, 150, 236, 176};     // a long yellow bar
 ImagePtr picture(int scale = 1) {
     auto image = QHost::OwnedImage::make({0, 0, kW * scale, kH * scale}, Image::RGB, Image::HWC, ML::U8);
     const std::pair<Shape, std::array<float, 3>> shapes[] = {
-        {kBlue, {0.15f, 0.25f, 0.85f}}, {kRed, {0.9f, 0.15f, 0.15f}}, {kOrange, {0.9f, 0.27f, 0.15f}}, {kBar, {0.9f, 0.85f, 0.2f}}};
+        {kBlue, {0.15f, 0.25f, 0.85f}}, {kRed, {0.9f, 0.15f, 0.15f}},
+        {kOrange, {0.9f, 0.27f, 0.15f}}, {kBar, {0.9f, 0.85f, 0.2f}}};
     for (int y = 0; y < kH * scale; ++y)
         for (int x = 0; x < kW * scale; ++x) {
-            const float t = 0.5f + 0.2f * std::sin(0.3f * x + 0.1f * y) + 0.1f * static_cast<float>(((x / 8) + (y / 8)) % 2);
+            const float t =
+                0.5f + 0.2f * std::sin(0.3f * x + 0.1f * y) + 0.1f * static_cast<float>(((x / 8) + (y / 8)) % 2);
             std::array<float, 3> rgb{0.8f * t, t, 0.7f * t};
             const float sx = (x + 0.5f) / static_cast<float>(scale), sy = (y + 0.5f) / static_cast<float>(scale);
             for (const auto& [shape, colour] : shapes)
@@ -105,7 +107,8 @@ Result render(const Render& r) {
     const ML::u64 fillsBefore = host().cache().stats().fills;
     if (r.mask) s->setOutputImage(r.frame, out.mask = QHost::OwnedImage::make(full, r.maskFormat, Image::HWC, ML::F32));
     if (r.colorized)
-        s->setOutputImage(r.frame, out.colorized = QHost::OwnedImage::make(full, Image::RGB, Image::HWC, ML::U8), {1, -1});
+        s->setOutputImage(r.frame, out.colorized = QHost::OwnedImage::make(full, Image::RGB, Image::HWC, ML::U8),
+                          {1, -1});
     for (int mode : {3, 4}) {
         s->setMode(mode);
         out.status = host().run(&mlMain, s);
@@ -152,7 +155,9 @@ TEST(SegmentationEffect, PromptsSelectTheirObject) {
          {{900, {60, 60}}},
          [](float x, float y) { return kRed.contains(x, y) || kOrange.contains(x, y); }},
         {"a negative click on the orange rectangle leaves it out", {{900, {60, 60}}, {901, {125, 64}}}, in(kRed)},
-        {"a box around half the bar limits the mask to it", {{900, {60, 163}}, {902, {10, 140, 120, 186}}}, in(barInBox)},
+        {"a box around half the bar limits the mask to it",
+         {{900, {60, 163}}, {902, {10, 140, 120, 186}}},
+         in(barInBox)},
         {"a box alone selects what it surrounds", {{902, {140, 14, 240, 110}}}, in(kBlue)},
         {"a picture larger than a tile of the mask's last stage", {{900, {570, 180}}},
          [](float x, float y) { return kBlue.contains(x / 3, y / 3); }, 3},
@@ -238,8 +243,8 @@ TEST(SegmentationEffect, BadPromptsAreRefused) {
         {"one and a half points", [](Render& r) { r.prompt = {{900, {1, 2, 3}}}; },
          "points buffer size mismatch! should be divisible by 8 (sizeof(float) * 2)"},
         {"fifteen points and a box", [&](Render& r) { r.prompt = {{900, points15}, {902, box}}; },
-         "max number of total query points (positive+negative+bbox corners) is 16 . (this could be modified if we need, "
-         "but testing so far suggests diminishing returns in result quality past this point)", false},
+         "max number of total query points (positive+negative+bbox corners) is 16 . (this could be modified if we "
+         "need, but testing so far suggests diminishing returns in result quality past this point)", false},
         {"sixteen points", [&](Render& r) { r.prompt = {{900, points16}}; }, ""},
         {"fourteen points and a box", [&](Render& r) { r.prompt = {{900, points14}, {902, box}}; }, ""},
         {"no output mask", [](Render& r) { r.mask = false; }, "SAM output mask is required!"},
@@ -259,7 +264,8 @@ TEST(SegmentationEffect, BadPromptsAreRefused) {
         EXPECT_NE(result.status, ML::STATUS_OK) << c.name;
         EXPECT_FALSE(host().logger().linesWith(c.message).empty())
             << c.name << "\n" << testing::PrintToString(host().logger().lines());
-        if (c.beforeNetworks) EXPECT_FALSE(encoded(result, 0).has_value()) << c.name << ": refused before any network ran";
+        if (c.beforeNetworks)
+            EXPECT_FALSE(encoded(result, 0).has_value()) << c.name << ": refused before any network ran";
     }
 }
 
@@ -271,7 +277,8 @@ TEST(SegmentationEffect, ClickOnAFruit) {
     auto image = QHost::OwnedImage::make({0, 0, photo.width(), photo.height()}, Image::RGB, Image::HWC, ML::U8);
     for (int y = 0; y < photo.height(); ++y)
         for (int x = 0; x < photo.width(); ++x)
-            for (int c = 0; c < 3; ++c) inprocess::setValue(*image, x, y, static_cast<ML::u32>(c), photo.sample(x, y, c));
+            for (int c = 0; c < 3; ++c)
+                inprocess::setValue(*image, x, y, static_cast<ML::u32>(c), photo.sample(x, y, c));
     Render r;
     r.input = image;
     r.frame = 100;  // no other picture's embedding

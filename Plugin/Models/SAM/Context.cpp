@@ -111,7 +111,8 @@ TempState_Host& Context::hostState(const RenderState& rs) {
     if (found != hostStates.end()) return *found->second;
     // One region at a time: a region that moves from render to render frees the last one's buffers.
     hostStates.clear();
-    auto state = std::make_shared<TempState_Host>(*modelContext, dataType, rs.rect, rs.outputTileExecH, rs.outputTileExecW);
+    auto state =
+        std::make_shared<TempState_Host>(*modelContext, dataType, rs.rect, rs.outputTileExecH, rs.outputTileExecW);
     return *hostStates.emplace(key, std::move(state)).first->second;
 }
 
@@ -143,8 +144,8 @@ void Context::logitsToMask(RenderState& rs, TempState& ts, TempState_Host& hs) {
     hs.outTensor->download(hs.outLogits.data());
 
     if (!tilePlans || tilePlans->sizes().front() != TiledExecution::ExecSize{ts.th, ts.tw})
-        tilePlans = std::make_unique<TiledExecution::ExecutionPlanMap>(
-            std::vector<TiledExecution::ExecSize>{{ts.th, ts.tw}});
+        tilePlans =
+            std::make_unique<TiledExecution::ExecutionPlanMap>(std::vector<TiledExecution::ExecSize>{{ts.th, ts.tw}});
     const TiledExecution::ExecutionPlan& plan = tilePlans->get(rs.rect, kTileOverlap);
     std::shared_ptr<BackendModel>& network =
         helper(logitsToMasks, std::string("imgcvt/logits_to_masks_aa_") + typeName(dataType));

@@ -38,10 +38,10 @@ private:
     std::shared_ptr<BackendModel>& helper(std::shared_ptr<BackendModel>& slot, const std::string& file);
 
     u32 dataType;
-    std::unordered_map<std::string, std::shared_ptr<TempState>> tempStates;         // by modelId
-    std::unordered_map<std::string, std::shared_ptr<TempState_Host>> hostStates;    // by rectangle
-    std::unordered_map<std::string, std::shared_ptr<BackendModel>> encoders;        // by modelId
-    std::unordered_map<std::string, std::shared_ptr<BackendModel>> decoders;        // by file name
+    std::unordered_map<std::string, std::shared_ptr<TempState>> tempStates;       // by modelId
+    std::unordered_map<std::string, std::shared_ptr<TempState_Host>> hostStates;  // by rectangle
+    std::unordered_map<std::string, std::shared_ptr<BackendModel>> encoders;      // by modelId
+    std::unordered_map<std::string, std::shared_ptr<BackendModel>> decoders;      // by file name
     std::unique_ptr<TiledExecution::ExecutionPlanMap> tilePlans;
     std::shared_ptr<BackendModel> logitsToMasks, maskColorizer;
 };

@@ -18,7 +18,6 @@ float mapY(const RenderState& rs, const TempState& ts, float y) {
     return (y - static_cast<float>(rs.rect.y0)) / static_cast<float>(rs.rect.height()) * static_cast<float>(ts.h);
 }
 
-
 template <class T>
 void append(const RenderState& rs, const TempState& ts, PromptArrays<T>& a, float x, float y, float label) {
     const size_t i = static_cast<size_t>(a.used++);
@@ -77,9 +76,12 @@ void setPointPrompts_F32(const RenderState& rs, TempState& ts) { setPoints<float
 void setPointPrompts_F16(const RenderState& rs, TempState& ts) { setPoints<Imath::half>(rs, ts); }
 
 void setPointPrompts(const RenderState& rs, TempState& ts) {
-    if (ts.dataType == F16) setPointPrompts_F16(rs, ts);
-    else if (ts.dataType == F32) setPointPrompts_F32(rs, ts);
-    else ML_THROW("Unexpected internal dtype!");
+    if (ts.dataType == F16)
+        setPointPrompts_F16(rs, ts);
+    else if (ts.dataType == F32)
+        setPointPrompts_F32(rs, ts);
+    else
+        ML_THROW("Unexpected internal dtype!");
 }
 
 }  // namespace ML::SAM

@@ -14,8 +14,10 @@ namespace ML::SAM {
 // Host copies of the three prompt tensors of one entry count, in one element type.
 template <class T>
 struct PromptArrays {
-    explicit PromptArrays(i32 n) : coords(2 * static_cast<size_t>(n), T(0.0f)), labels(static_cast<size_t>(n), T(0.0f)),
-                                   valid(static_cast<size_t>(n), T(0.0f)) {}
+    explicit PromptArrays(i32 n)
+        : coords(2 * static_cast<size_t>(n), T(0.0f)),
+          labels(static_cast<size_t>(n), T(0.0f)),
+          valid(static_cast<size_t>(n), T(0.0f)) {}
     std::vector<T> coords, labels, valid;
     i32 used = 0;
 };

@@ -22,7 +22,8 @@ Ptr<Buffer> inputBuffer(Host* host, u64 call, u32 frame, i32 id) {
 std::vector<float> readPoints(const Ptr<Buffer>& buffer) {
     if (!buffer || buffer->getSize() == 0) return {};
     if (!buffer->getData()) ML_THROW("points buffer data pointer is nullptr!");
-    if (buffer->getSize() % 8 != 0) ML_THROW("points buffer size mismatch! should be divisible by 8 (sizeof(float) * 2)");
+    if (buffer->getSize() % 8 != 0)
+        ML_THROW("points buffer size mismatch! should be divisible by 8 (sizeof(float) * 2)");
     std::vector<float> points(buffer->getSize() / sizeof(float));
     std::memcpy(points.data(), buffer->getData(), buffer->getSize());
     return points;
@@ -82,8 +83,9 @@ RenderState::RenderState(Host* host, u64 call, const ModelInfo& info, bool prepa
     negativePoints = readPoints(inputBuffer(host, call, frame, kNegativePointsBuffer));
     boxes = readBox(inputBuffer(host, call, frame, kBoxBuffer));
     if (positivePoints.empty() && boxes.empty())
-        ML_THROW("No positive points or bbox provided! Nothing to render! (we *could* set a default bbox from the image "
-                 "rect, but results dont seem good enough to enable this)");
+        ML_THROW(
+            "No positive points or bbox provided! Nothing to render! (we *could* set a default bbox from the image "
+            "rect, but results dont seem good enough to enable this)");
 
     inputImage = checkResult(host->getInputImage(call, frame, &rect, ResourceId{0, -1}));
     if (!inputImage) ML_THROW("Input image is required!");

@@ -36,12 +36,19 @@ u64 encodedSize(ArchId arch, i32 h, i32 w, u32 dataType) {
 }
 
 PromptTensors::PromptTensors(ModelContext& context, u32 dataType, u64 batch, u64 n)
-    : coords(context.createTensor({batch, n, 2}, dataType)), labels(context.createTensor({batch, n}, dataType)),
+    : coords(context.createTensor({batch, n, 2}, dataType)),
+      labels(context.createTensor({batch, n}, dataType)),
       valid(context.createTensor({batch, n}, dataType)) {}
 
 TempState::TempState(ModelContext& context, u32 type, ArchId archId, i32 height, i32 width, i32 tileH, i32 tileW,
                      i32 maxPoints, i32 batchSz)
-    : dataType(type), arch(archId), h(height), w(width), th(tileH), tw(tileW), n(maxPoints),
+    : dataType(type),
+      arch(archId),
+      h(height),
+      w(width),
+      th(tileH),
+      tw(tileW),
+      n(maxPoints),
       prompts(context, type, 1, static_cast<u64>(maxPoints)),
       batchPrompts(context, type, static_cast<u64>(batchSz), static_cast<u64>(maxPoints)) {
     image = context.createTensor(dims({1, 3, h, w}), dataType);
