@@ -482,7 +482,8 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
             FrameRenderer again(session, cancel, moved);
             promptChange += again.render(1, picture, around(1)).pluginSeconds;
         }
-        std::snprintf(line, sizeof line, "Prompt change:         %9.3f ms per render, %.2f renders/s (frame encoded; no encoder run)\n",
+        std::snprintf(line, sizeof line,
+                      "Prompt change:         %9.3f ms per render, %.2f renders/s (frame encoded; no encoder run)\n",
                       promptChange / frames * 1000.0, promptChange > 0 ? frames / promptChange : 0.0);
         out << line;
     }
