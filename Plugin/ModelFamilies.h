@@ -7,5 +7,6 @@
 #include "Plugin/Models/RAFT/Context.h"
 #include "Plugin/Models/RIFE/Context.h"
 #include "Plugin/Models/RRDBNet/Context.h"
+#include "Plugin/Models/SAM/Context.h"
 #include "Plugin/Models/YOLO7/Context.h"
 #include "Plugin/UnavailableModel.h"

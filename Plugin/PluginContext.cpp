@@ -125,7 +125,7 @@ void PluginContext::registerModels() {
     registerModel<QT_Context>("qt");
     registerModel<RIFE::Context>("rife");
     registerModel<YOLO7::Context>("y7");
-    registerModel<UnavailableModel>("sam");
+    registerModel<SAM::Context>("sam");
     registerModel<DA2::Context>("da2");
     registerModel<UnavailableModel>("tgn");
     registerModel<PLKSR::Context>("plksr");

@@ -178,7 +178,17 @@ Networks maskPropagationNetworks(Session& session, const Options&, const RenderR
             "resampling, the memory's uploads and the masks' copies counted as plug-in work"};
 }
 
+// Interactive segmentation of one click per frame: the encoder once per frame that the host had
+// not encoded (every timed frame, from an emptied cache) and the single decoder once per render.
+Networks segmentationNetworks(Session& session, const Options& o, const RenderRequest&, const TimedFrames& t) {
+    const std::string id = modelIdOf(session, o.target, o.model);
+    return {{networkOf(session, o.target, o.model, id + "_enc", static_cast<long>(t.cache.fills)),
+             networkOf(session, o.target, o.model, id + "_dec_single", t.frames)},
+            "resampling the logits and the logits-to-mask tiles counted as plug-in work"};
+}
+
 const BenchTarget kBenchTargets[] = {
+    {TARGET_INTERACTIVE_SEGMENTATION, 1920, 1080, 10, segmentationNetworks},
     {TARGET_MASK_PROPAGATION, kMaskPropagationExecW, kMaskPropagationExecH, 10, maskPropagationNetworks},
     {TARGET_OPTICAL_FLOW, 1920, 1080, 10, flowNetworks},
     {TARGET_RETIMING, 1920, 1080, 3, retimingNetworks},
@@ -345,8 +355,8 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
     const auto* bench = std::find_if(std::begin(kBenchTargets), std::end(kBenchTargets),
                                      [&](const BenchTarget& b) { return b.target == o.target; });
     if (bench == std::end(kBenchTargets))
-        throw UsageError("bench measures denoise, upres, optical-flow, mask-propagation, retiming, depth, face-detection "
-                         "and plate-detection only");
+        throw UsageError("bench measures denoise, upres, optical-flow, mask-propagation, retiming, depth, face-detection, "
+                         "plate-detection and interactive-segmentation only");
     const int width = o.benchWidth > 0 ? o.benchWidth : bench->width;
     const int height = o.benchHeight > 0 ? o.benchHeight : bench->height;
     const int frames = o.benchFrames > 0 ? o.benchFrames : bench->frames;
@@ -377,6 +387,13 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
         request.keyframeMask = [&keyMask](int f, int index) {
             return f == 1 && index == 0 ? ML::Ptr<ML::Image>(keyMask) : ML::Ptr<ML::Image>();
         };
+    }
+    const bool segmentation = o.target == TARGET_INTERACTIVE_SEGMENTATION;
+    if (segmentation && o.prompt.empty()) {
+        // A click in the middle of the picture unless --point or --box say otherwise.
+        SegmentationPrompt click;
+        click.positive = {0.5f * static_cast<float>(width), 0.5f * static_cast<float>(height)};
+        request.inputBuffers = segmentationBuffers(click);
     }
     FrameRenderer renderer(session, cancel, request);
     const std::string modelId = modelIdOf(session, o.target, o.model);
@@ -453,7 +470,25 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
                       cached / frames * 1000.0);
         out << line;
     }
+    double promptChange = 0;
+    if (segmentation) {
+        // What an artist waits for after a click: a new prompt on a frame already encoded, a
+        // point moved a little each time (the decoder and the logits-to-mask stage, no encoder).
+        for (int i = 0; i < frames; ++i) {
+            RenderRequest moved = request;
+            auto& points = moved.inputBuffers[kPositivePointsBuffer];
+            if (points.empty()) points = {0.5f * static_cast<float>(width), 0.5f * static_cast<float>(height)};
+            points[0] += static_cast<float>(i + 1);
+            FrameRenderer again(session, cancel, moved);
+            promptChange += again.render(1, picture, around(1)).pluginSeconds;
+        }
+        std::snprintf(line, sizeof line,
+                      "Prompt change:         %9.3f ms per render, %.2f renders/s (frame encoded; no encoder run)\n",
+                      promptChange / frames * 1000.0, promptChange > 0 ? frames / promptChange : 0.0);
+        out << line;
+    }
     double direct = 0;
+    std::vector<double> alone;
     for (const NetworkRuns& n : networks.runs) {
         DirectRun run;
         try {
@@ -463,9 +498,18 @@ int runBench(const Options& o, std::ostream& out, std::ostream& err) {
                                     n.file.string());
         }
         direct += run.total;
+        alone.push_back(n.runs > 0 ? run.total / static_cast<double>(n.runs) : 0.0);
         std::snprintf(line, sizeof line, "Network alone (ORT):   %9.3f ms per frame (%ld run%s of %s on %s, prepared once)\n",
                       run.total / frames * 1000.0, n.runs, n.runs == 1 ? "" : "s", n.file.filename().c_str(),
                       run.shape.c_str());
+        out << line;
+    }
+    if (segmentation && alone.size() == 2) {
+        std::snprintf(line, sizeof line, "Encoder:               %9.3f ms per run (once per frame)\n", alone[0] * 1000.0);
+        out << line;
+        std::snprintf(line, sizeof line,
+                      "Decoder:               %9.3f ms per run (once per prompt); a prompt change costs %.2f x it\n",
+                      alone[1] * 1000.0, alone[1] > 0 ? promptChange / frames / alone[1] : 0.0);
         out << line;
     }
     const double ratio = direct > 0 ? plugin / direct : 0.0;

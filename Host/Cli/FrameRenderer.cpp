@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstring>
 
 #include "Host/BufferText.h"
 #include "Host/Cli/CliError.h"
@@ -27,7 +28,8 @@ ML::u32 outputLayout(int target, ML::u32 format) {
 ML::u32 outputFormat(int target, int id, const QHost::OwnedImage& input) {
     if (target == TARGET_DEPTH) return id == 0 ? ML::ImageImp::R : ML::ImageImp::RGB;
     if (target == TARGET_OPTICAL_FLOW) return id == 0 ? ML::ImageImp::RG : ML::ImageImp::RGB;
-    if ((isDetectionTarget(target) || target == TARGET_MASK_PROPAGATION) && id == 0)
+    if ((isDetectionTarget(target) || target == TARGET_MASK_PROPAGATION || target == TARGET_INTERACTIVE_SEGMENTATION) &&
+        id == 0)
         return ML::ImageImp::R;  // the objects' mask
     return input.getChannelFormat();
 }
@@ -54,6 +56,14 @@ struct Watched {
 
 }  // namespace
 
+std::map<int, std::vector<float>> segmentationBuffers(const SegmentationPrompt& prompt) {
+    std::map<int, std::vector<float>> buffers;
+    if (!prompt.positive.empty()) buffers[kPositivePointsBuffer] = prompt.positive;
+    if (!prompt.negative.empty()) buffers[kNegativePointsBuffer] = prompt.negative;
+    if (!prompt.box.empty()) buffers[kBoxBuffer] = prompt.box;
+    return buffers;
+}
+
 RenderRequest renderRequestFor(const Options& o) {
     RenderRequest request;
     request.target = o.target;
@@ -70,6 +80,7 @@ RenderRequest renderRequestFor(const Options& o) {
         }
     }
     request.buffers = o.buffers;
+    if (o.target == TARGET_INTERACTIVE_SEGMENTATION) request.inputBuffers = segmentationBuffers(o.prompt);
     return request;
 }
 
@@ -123,6 +134,11 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, co
     // Mask propagation writes the object's mask as image (2, 0).
     settings->setOutputImage(frameNumber, output,
                              request_.target == TARGET_MASK_PROPAGATION ? ML::ResourceId{2, 0} : ML::ResourceId{0, -1});
+    for (const auto& [id, values] : request_.inputBuffers) {
+        ML::Ptr<ML::Buffer> buffer(new ML::BufferImp(values.size() * sizeof(float)));
+        std::memcpy(buffer->getData(), values.data(), values.size() * sizeof(float));
+        settings->setInputBuffer(frameNumber, buffer, {id, -1});
+    }
     // Only the buffers asked for exist: effects skip the work of outputs nobody reads.
     settings->setCreateOutputBuffers(false);
     for (const BufferOutput& b : request_.buffers)

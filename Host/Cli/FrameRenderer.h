@@ -28,6 +28,9 @@ struct RenderRequest {
     float outputScale = 1.0f;
     int originX = 0, originY = 0;
     std::vector<BufferOutput> buffers;
+    // Input buffers handed over with every frame, by id (index -1): the prompt of interactive
+    // segmentation.
+    std::map<int, std::vector<float>> inputBuffers;
     // Any source frame by number (frames past the clip's ends repeat its first or last), for
     // effects that may ask for frames beyond those handed over; thread-safe. Empty: none.
     std::function<QMedia::Frame(int)> sourceFrame;
@@ -46,6 +49,10 @@ struct FrameResult {
     double pluginSeconds = 0;     // wall time inside the plug-in's calls (modes 3 and 4)
     std::vector<float> progress;  // the plug-in's progress reports, in order
 };
+
+// Input buffers of interactive segmentation: positive points, negative points, the box.
+constexpr int kPositivePointsBuffer = 900, kNegativePointsBuffer = 901, kBoxBuffer = 902;
+std::map<int, std::vector<float>> segmentationBuffers(const SegmentationPrompt& prompt);
 
 // The request that the options ask for: target, model, backend, region, parameters and buffer
 // outputs; for upscaling, the factor and origin of its parameters 200, 202 and 203.

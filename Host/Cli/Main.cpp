@@ -18,8 +18,10 @@ Commands:
   demo [--out DIR]           make the default package if missing, a sample image, and its depth
   bench [--target T] [--frames N] [--size WxH] [--scale F] [--offset N]
                              time N renders through the plug-in against the bare networks
-                             (targets: depth, upres, denoise, optical-flow, retiming; defaults:
-                             1920x1080, but upres 640x360 x2; denoise also on two host threads)
+                             (targets: depth, upres, denoise, optical-flow, retiming,
+                             interactive-segmentation; defaults: 1920x1080, but upres 640x360 x2;
+                             denoise also on two host threads; interactive-segmentation: encoder
+                             and decoder apart, and a prompt change on an encoded frame)
   help                       this text
 
 Inputs and outputs are image files (.png .exr .tif .jpg ...), numbered image sequences
@@ -66,6 +68,12 @@ Render options:
   mask-propagation (output 0: the mask; --output1: the picture with the object tinted):
   --keyframe N=PATH          the object's mask on frame N, from an image (repeat for more
                              keyframes); the walk starts at the first keyframe
+  interactive-segmentation (output 0: the object's mask; --output1: the picture with the mask
+  tinted and the prompt drawn); a clip gets the same prompt on every frame:
+  --point X,Y                a click on the object, in pixels; with a leading minus sign
+                             (--point -300,40) a click off it, a negative point (repeat for more)
+  --negative X,Y             a negative point, as --point -X,Y
+  --box X0,Y0,X1,Y1          a box around the object (one)
   face-detection and plate-detection (output 0: the objects' mask; --output1: the picture with
   the objects blurred away):
   --json PATH                the objects as JSON (buffer 234): PATH with a frame number gives a

@@ -113,6 +113,31 @@ KeyframeMask parseKeyframe(const std::string& text) {
     return k;
 }
 
+void parsePoint(const std::string& text, bool allowMinus, SegmentationPrompt& prompt, bool negative) {
+    std::string body = text;
+    if (allowMinus && !body.empty() && body[0] == '-') {
+        negative = true;
+        body.erase(0, 1);
+    }
+    const auto parts = split(body, ',');
+    if (parts.size() != 2) throw UsageError("bad point '" + text + "': expected X,Y (a leading '-' for a negative point)");
+    const double x = parseReal(parts[0], "point x"), y = parseReal(parts[1], "point y");
+    if (x < 0 || y < 0) throw UsageError("bad point '" + text + "': coordinates are pixels, not below 0");
+    std::vector<float>& list = negative ? prompt.negative : prompt.positive;
+    list.push_back(static_cast<float>(x));
+    list.push_back(static_cast<float>(y));
+}
+
+std::vector<float> parseBox(const std::string& text) {
+    const auto parts = split(text, ',');
+    if (parts.size() != 4) throw UsageError("bad box '" + text + "': expected X0,Y0,X1,Y1");
+    std::vector<float> box;
+    for (const std::string& p : parts) box.push_back(static_cast<float>(parseReal(p, "box corner")));
+    if (box[2] <= box[0] || box[3] <= box[1])
+        throw UsageError("bad box '" + text + "': X1 and Y1 must be greater than X0 and Y0");
+    return box;
+}
+
 BufferOutput parseBufferOutput(const std::string& text) {
     const auto eq = text.find('=');
     if (eq == std::string::npos || eq + 1 == text.size())
@@ -178,6 +203,13 @@ Options parseArguments(const std::vector<std::string>& args) {
                 if (earlier.frame == k.frame)
                     throw UsageError("--keyframe given twice for frame " + std::to_string(k.frame));
             o.keyframes.push_back(std::move(k));
+        } else if (arg == "--point") {
+            parsePoint(value(), true, o.prompt);
+        } else if (arg == "--negative") {
+            parsePoint(value(), false, o.prompt, true);
+        } else if (arg == "--box") {
+            if (!o.prompt.box.empty()) throw UsageError("--box given twice: one box per prompt");
+            o.prompt.box = parseBox(value());
         } else if (arg == "--roi") {
             o.roi = parseRoi(value());
         } else if (arg == "--offset") {
@@ -239,6 +271,12 @@ Options parseArguments(const std::vector<std::string>& args) {
         if (o.target == 0) throw UsageError("render needs --target");
         if (o.input.empty()) throw UsageError("render needs an input (-i PATH)");
         if (o.output.empty()) throw UsageError("render needs an output (-o PATH)");
+        if (o.target == TARGET_INTERACTIVE_SEGMENTATION && o.prompt.positive.empty() && o.prompt.box.empty())
+            throw UsageError("interactive-segmentation needs a click on the object (--point X,Y) or a box around it "
+                             "(--box X0,Y0,X1,Y1)");
+    }
+    if (!o.prompt.empty() && o.target != TARGET_INTERACTIVE_SEGMENTATION) {
+        throw UsageError("--point, --negative and --box are for interactive-segmentation only");
     }
     if (o.command == Command::Bench && o.target == 0) o.target = 9;
     return o;

@@ -26,6 +26,16 @@ struct KeyframeMask {
     std::filesystem::path path;
 };
 
+// Prompts of interactive segmentation, in image pixels: clicks on the object (positive) and off
+// it (negative), and a box around it.
+struct SegmentationPrompt {
+    std::vector<float> positive;  // x, y pairs
+    std::vector<float> negative;  // x, y pairs
+    std::vector<float> box;       // x0, y0, x1, y1, or empty
+
+    bool empty() const { return positive.empty() && negative.empty() && box.empty(); }
+};
+
 struct BufferOutput {
     int id = 0;
     int index = -1;
@@ -47,6 +57,7 @@ struct Options {
     std::filesystem::path output1;     // colourised or second output image, optional
     std::vector<BufferOutput> buffers;
     std::vector<KeyframeMask> keyframes;  // mask-propagation
+    SegmentationPrompt prompt;             // interactive-segmentation
     std::vector<ParamSetting> params;
     std::optional<QMedia::FrameRange> frames;
     std::string backend;               // empty: the plug-in's default
@@ -75,5 +86,8 @@ ML::Rect parseRoi(const std::string& text);                     // "x0,y0,x1,y1"
 void parseSize(const std::string& text, int& width, int& height);  // "WxH"
 BufferOutput parseBufferOutput(const std::string& text);       // "ID[.INDEX]=PATH"
 KeyframeMask parseKeyframe(const std::string& text);            // "FRAME=PATH"
+// "X,Y"; a leading minus sign makes the point negative (when allowMinus).
+void parsePoint(const std::string& text, bool allowMinus, SegmentationPrompt& prompt, bool negative = false);
+std::vector<float> parseBox(const std::string& text);             // "X0,Y0,X1,Y1", X1 > X0, Y1 > Y0
 
 }  // namespace QCli

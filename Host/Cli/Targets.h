@@ -40,6 +40,7 @@ constexpr int TARGET_RETIMING = 5;
 constexpr int TARGET_FACE_DETECTION = 6;
 constexpr int TARGET_PLATE_DETECTION = 8;
 constexpr int TARGET_MASK_PROPAGATION = 4;
+constexpr int TARGET_INTERACTIVE_SEGMENTATION = 7;
 
 inline bool isDetectionTarget(int target) {
     return target == TARGET_FACE_DETECTION || target == TARGET_PLATE_DETECTION;

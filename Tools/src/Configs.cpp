@@ -10,6 +10,7 @@
 #include "MaskPropagationStandIn.h"
 #include "PackageFiles.h"
 #include "PlateDetector.h"
+#include "SegmentationStandIn.h"
 #include "StandIns.h"
 
 namespace qpkg {
@@ -154,6 +155,26 @@ TargetConfig maskPropagationStandIn() {
     return c;
 }
 
+// Interactive segmentation by classical features (stand-in networks "<id>_enc", "_dec_single",
+// "_dec_batch" in the "hiera_large" layout); masks through the 512 x 512 logits-to-masks tiles.
+TargetConfig segmentationStandIn() {
+    TargetConfig c = entry(7, "interactive_segmentation_config.json", "sam", kSegmentationStandInId,
+                           "Interactive segmentation stand-in (colour and texture similarity)",
+                           "Classical stand-in networks, no trained weights: per 4 x 4 cell the Lab colour, the "
+                           "smoothed colour, the texture and the position; a cell belongs to the object when it is "
+                           "closer to the positive clicks than to the negative ones and near enough to them, joined "
+                           "to a positive click, and inside the box when one is drawn. Selects distinctly coloured "
+                           "objects.",
+                           kSegmentationExec, kSegmentationExec);
+    c.params["archId"] = "hiera_large";
+    c.params["outputTileExecH"] = kSegmentationOutputTile;
+    c.params["outputTileExecW"] = kSegmentationOutputTile;
+    c.params["batchSz"] = kSegmentationBatch;
+    c.params["singleMaxPoints"] = kSegmentationMaxPoints;
+    c.params["open_vocab_info"] = nullptr;
+    return c;
+}
+
 // The face detector: tracking runs the package's exact Kalman update and, in advanced mode, the
 // face crop and embedding networks at 112 x 112.
 TargetConfig depthStandIn() {
@@ -181,7 +202,7 @@ const std::vector<TargetConfig>& targetConfigs() {
             retimeStandIn(),
             faceDetector(),
             plateStandIn(),
-            standIn(7, "interactive_segmentation_config.json", "sam", "interactive_segmentation"),
+            segmentationStandIn(),
             depthStandIn(),
             standIn(10, "matting_config.json", "tgn", "matting"),
             standIn(11, "pose_estimation_config.json", "rtmo", "pose_estimation"),

@@ -91,7 +91,12 @@ onnx::ModelProto buildLogitsToMasks(ML::u32 dataType) {
     const Dim t = Dim::fixed(kLogitsTile), c = Dim::named("C");
     const Dims dims{Dim::fixed(1), c, t, t};
     const std::string logits = g.cast(g.input("logits", dataType, dims), dataType, ML::F32);
-    const std::string masks = g.op("Softmax", {logits}, {attrInt("axis", 1)});
+    // One channel is a logit of its own (interactive segmentation): its sigmoid.
+    const std::string single = g.op("Equal", {g.op("Slice", {g.op("Shape", {logits}), g.constI64({1}, {1}),
+                                                             g.constI64({2}, {1})}),
+                                              g.constI64({1}, {1})});
+    const std::string masks =
+        g.op("Where", {single, g.op("Sigmoid", {logits}), g.op("Softmax", {logits}, {attrInt("axis", 1)})});
     g.output(g.cast(masks, ML::F32, dataType), "masks", dataType, dims);
     return g.build();
 }

@@ -18,7 +18,8 @@
 //             around typical skin chromaticity in normalised r, g.
 //
 //   imgcvt/logits_to_masks_aa_F16.onnx, _F32.onnx
-//     logits 1xCx512x512 -> masks 1xCx512x512 of the same type: the softmax over the classes.
+//     logits 1xCx512x512 -> masks 1xCx512x512 of the same type: the softmax over the classes; for
+//     C = 1 the sigmoid of the one logit.
 #include <cstdint>
 #include <filesystem>
 #include <string>

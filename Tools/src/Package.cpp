@@ -12,6 +12,7 @@
 #include "KalmanFilter.h"
 #include "Resize.h"
 #include "Sampler.h"
+#include "SegmentationStandIn.h"
 #include "StandIns.h"
 #include "WarpAffineCrop.h"
 
@@ -44,11 +45,14 @@ std::vector<std::string> writeDefaultPackage(const std::filesystem::path& packag
     writeWarpAffineCrop(models);
     writeMaskRleNetworks(models);
     writeMaskPropagationStandIns(models);
+    writeSegmentationStandIns(models);
     tfjs::RealNetworks real;
     if (!options.networks.empty())
         real = tfjs::writeRealNetworks(models, options.networks, options.sources ? *options.sources : tfjs::networkSources(),
                                        options.with);
     for (const std::string& id : standInModelIds()) real.records.push_back({id, false, "quillon-pkg", "", "", "", ""});
+    for (const std::string& id : segmentationStandInModelIds())
+        real.records.push_back({id, false, "quillon-pkg", "", "", "", ""});
     real.records.push_back({kKalmanId, false, "quillon-pkg", "", "",
                             "constant-velocity Kalman filter update, exact arithmetic (no trained weights)", "", true});
     real.records.push_back({kWarpAffineCropName, false, "quillon-pkg", "", "", "", "", true});
