@@ -44,8 +44,23 @@ bool ComputeCache::storeLocked(const std::string& key, ML::Ptr<ML::Buffer> buffe
     return true;
 }
 
+void ComputeCache::setLookupHook(LookupHook hook) {
+    Lock lock(mutex_);
+    lookupHook_ = hook ? std::make_shared<LookupHook>(std::move(hook)) : nullptr;
+}
+
+void ComputeCache::beforeLookup(const std::string& key, Lookup lookup) {
+    std::shared_ptr<LookupHook> hook;
+    {
+        Lock lock(mutex_);
+        hook = lookupHook_;
+    }
+    if (hook) (*hook)(key, lookup);
+}
+
 ML::Result<ML::Ptr<ML::Buffer>> ComputeCache::compute(const std::string& key, ML::u64 size, ML::FillFunction fill,
                                                       void* opaque, void* user) {
+    beforeLookup(key, Lookup::Compute);
     const auto self = std::this_thread::get_id();
     {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -105,6 +120,7 @@ ML::Result<ML::Ptr<ML::Buffer>> ComputeCache::compute(const std::string& key, ML
 }
 
 ML::Ptr<ML::Buffer> ComputeCache::find(const std::string& key) {
+    beforeLookup(key, Lookup::Find);
     Lock lock(mutex_);
     ML::Ptr<ML::Buffer> buffer = takeLocked(key);
     ++(buffer ? stats_.hits : stats_.misses);

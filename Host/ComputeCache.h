@@ -22,8 +22,14 @@
 // stay, fills itself). A fill that asks for its own key on the same thread gets a failure
 // (status 4) instead of a deadlock. Waiting for another thread's fill of the same key is no
 // stronger than the single lock that a host may hold around every fill.
+//
+// Lookup hook: a function called before every look-up (find or compute) with its key, on the
+// calling thread and without the cache's lock, so that it may change the cache; tests use it to
+// act at an exact point of a plug-in's use of the cache.
 #include <condition_variable>
+#include <functional>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -48,6 +54,9 @@ public:
 
     static constexpr ML::u64 DEFAULT_BUDGET = ML::u64(4) << 30;  // 4 GiB
 
+    enum class Lookup { Find, Compute };
+    using LookupHook = std::function<void(const std::string& key, Lookup lookup)>;
+
     explicit ComputeCache(ML::u64 budgetBytes = DEFAULT_BUDGET);
     ComputeCache(const ComputeCache&) = delete;
     ComputeCache& operator=(const ComputeCache&) = delete;
@@ -64,6 +73,9 @@ public:
     bool evict(const std::string& key);
     // Drops every entry; statistics stay.
     void clear();
+
+    // Sets the lookup hook (null: none).
+    void setLookupHook(LookupHook hook);
 
     // Changes the budget, evicting least recently used entries down to it.
     void setBudget(ML::u64 budgetBytes);
@@ -88,12 +100,14 @@ private:
     bool storeLocked(const std::string& key, ML::Ptr<ML::Buffer> buffer);
     void removeLocked(std::unordered_map<std::string, Entry>::iterator it);
     void trimLocked();
+    void beforeLookup(const std::string& key, Lookup lookup);
 
     mutable std::mutex mutex_;
     std::condition_variable fillDone_;
     std::unordered_map<std::string, Entry> entries_;
     std::list<std::string> uses_;  // most recently used first
     std::unordered_map<std::string, std::thread::id> filling_;
+    std::shared_ptr<LookupHook> lookupHook_;  // one object, whatever state it keeps
     ML::u64 budget_;
     ML::u64 bytes_ = 0;
     Stats stats_;

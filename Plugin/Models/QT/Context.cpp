@@ -84,18 +84,19 @@ QT_Context::Resources QT_Context::acquireResources(Host* host, u64 call, const Q
         tmpStates.put(output, std::make_shared<QT_TmpHostState>(modelContext, header, outH, outW));
     r.tmp = tmpStates.get(output);
 
-    const std::string modelsKey = shape + output;
+    const std::string model = params.modelId + "/";
+    const std::string modelsKey = model + shape + output;
     auto loaded = loadedModels.find(modelsKey);
     if (loaded == loadedModels.end()) {
         host->setBusyLoading(call, true);
         try {
             QT::Submodels models;
             for (const std::string& name : params.submodelNames) {
-                auto info = submodels.find(name);
+                auto info = submodels.find(model + name);
                 if (info == submodels.end())
-                    info = submodels.emplace(name, QT_SubmodelInfo::read(params.submodelsInfo.at(name))).first;
+                    info = submodels.emplace(model + name, QT_SubmodelInfo::read(params.submodelsInfo.at(name))).first;
                 const QT::SubmodelLoad load = QT::submodelLoad(name, info->second, params.modelId, header, outH, outW);
-                auto& network = networks[load.cacheName];
+                auto& network = networks[model + load.cacheName];
                 if (!network) network = modelContext->loadModel(load.file, load.options);
                 models[name] = network;
             }
@@ -121,6 +122,9 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
     const bool antiAliased = host->getIntParam(call, 303, 0) != 0;
     const i32 startFrame = host->getIntParam(call, 304, 0);
     const i32 keyframeCount = host->getIntParam(call, 301, 0);
+    if (keyframeCount > QT::kMaxKeyframes)
+        ML_THROW("num keyframes must be at most " + std::to_string(QT::kMaxKeyframes) +
+                 "! host returned: " + std::to_string(keyframeCount));
     std::vector<i32> keyframeNumbers;
     for (i32 k = 0; k < keyframeCount; ++k) keyframeNumbers.push_back(host->getIntParam(call, 302, k));
     const i32 objects = host->getIntParam(call, 300, 0);
@@ -202,34 +206,35 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
     QT::WalkPlan plan = QT::planWalk(walkIn);
     if (plan.restart && !prepareOnly) logWarning(QT::restartWarning(frame, plan.expected));
 
-    std::vector<WalkFrame> walk;
-    const auto gatherWalk = [&] {
-        walk.clear();
-        for (size_t i = 0; i < plan.framesToRun.size(); ++i) {
-            WalkFrame f;
-            f.frame = plan.framesToRun[i];
-            const u32 fu = static_cast<u32>(f.frame);
-            f.rect = regionOf(host, call, f.frame);
-            f.rgb = checkResult(host->getInputImage(call, fu, &f.rect, ResourceId{0, -1}));
-            if (!f.rgb) ML_THROW("Must provide input color image for frame " + std::to_string(f.frame));
-            if (!covers(f.rgb->getRect(), f.rect))
-                ML_THROW("Input image rect must cover full output image rect for frame " + std::to_string(f.frame));
-            for (i32 o = 0; o < objects; ++o) {
-                Ptr<Image> mask = checkResult(host->getOutputImage(call, fu, ResourceId{2, o}));
-                if (mask && mask->getChannelFormat() != Image::R) ML_THROW("Mask output must have channel format R!");
-                if (mask && !covers(mask->getRect(), f.rect)) ML_THROW("Mask output must cover output rect");
-                f.masks.push_back(mask);
-            }
-            if (i + 1 == plan.framesToRun.size()) {
-                f.colorized = checkResult(host->getOutputImage(call, fu, ResourceId{1, -1}));
-                if (f.colorized && !covers(f.colorized->getRect(), f.rect))
-                    ML_THROW("Output colorized rect must cover full output ROI");
-            }
-            walk.push_back(std::move(f));
+    // One frame of the walk as the host gives it, checked. The render asks for each frame just
+    // before computing it and lets its images go when done, so a long walk holds one frame.
+    const auto fetch = [&](size_t i) {
+        WalkFrame f;
+        f.frame = plan.framesToRun[i];
+        const u32 fu = static_cast<u32>(f.frame);
+        f.rect = regionOf(host, call, f.frame);
+        f.rgb = checkResult(host->getInputImage(call, fu, &f.rect, ResourceId{0, -1}));
+        if (!f.rgb) ML_THROW("Must provide input color image for frame " + std::to_string(f.frame));
+        if (!covers(f.rgb->getRect(), f.rect))
+            ML_THROW("Input image rect must cover full output image rect for frame " + std::to_string(f.frame));
+        for (i32 o = 0; o < objects; ++o) {
+            Ptr<Image> mask = checkResult(host->getOutputImage(call, fu, ResourceId{2, o}));
+            if (mask && mask->getChannelFormat() != Image::R) ML_THROW("Mask output must have channel format R!");
+            if (mask && !covers(mask->getRect(), f.rect)) ML_THROW("Mask output must cover output rect");
+            f.masks.push_back(mask);
         }
+        if (i + 1 == plan.framesToRun.size()) {
+            f.colorized = checkResult(host->getOutputImage(call, fu, ResourceId{1, -1}));
+            if (f.colorized && !covers(f.colorized->getRect(), f.rect))
+                ML_THROW("Output colorized rect must cover full output ROI");
+        }
+        return f;
     };
-    gatherWalk();
-    if (prepareOnly) return;
+    if (prepareOnly) {
+        // The host learns every image of the walk; none is kept.
+        for (size_t i = 0; i < plan.framesToRun.size(); ++i) fetch(i);
+        return;
+    }
 
     bool purged = false;
     if (walkIn.stateCached) purged = !findCached(host, call, stateKey);
@@ -239,8 +244,15 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
         initialised = true;
     };
     // A replay reads no state: whatever the host holds under the key is left as it is.
-    Ptr<Buffer> state = plan.computeNothing ? computeCachedAnySize(host, call, stateKey, size, fill)
-                                            : computeCached(host, call, stateKey, size, fill);
+    Ptr<Buffer> state = computeCachedAnySize(host, call, stateKey, size, fill);
+    bool resized = false;
+    if (!plan.computeNothing && state->getSize() != size) {
+        // A state of another size came under the key after its look-up: as there, the sequence
+        // goes on under the key naming the size, from the start (nothing tells how far that got).
+        stateKey = QT::stateKey(sequence, forward) + "_bytes:" + std::to_string(size);
+        state = computeCached(host, call, stateKey, size, fill);
+        resized = true;
+    }
     bool copied = false;
     if (purged && oldState && oldState->getSize() == size) {
         logWarning("State appears to have been purged from compute cache mid-render. Copying previous state buffer to "
@@ -249,21 +261,21 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
         copied = true;
     }
     bool needInit = plan.needInit && !plan.computeNothing;
-    if (initialised && !copied && !needInit && !plan.computeNothing) {
-        // The host let the state go between its look-up and now, and nothing of it was kept: the
-        // fresh one has no keyframes, so the walk starts over.
+    if (!needInit && !plan.computeNothing && (resized || (initialised && !copied))) {
+        // The host let the state go between its look-up and now and nothing of it was kept, or put
+        // one of another size there: the state in hand is not the one planned on, so the walk
+        // starts over.
         logWarning(QT::restartWarning(frame, plan.expected));
         walkIn.stateCached = false;
         plan = QT::planWalk(walkIn);
         needInit = true;
-        gatherWalk();
     }
     // A state copied back from the old buffer is that buffer's; a fresh one is initialised already.
     if (needInit && (!initialised || copied)) initState(header, keyCounts, *state);
 
     std::lock_guard<std::mutex> compute(modelContext->computeMutex);
     if (plan.computeNothing) {
-        const WalkFrame& f = walk.front();
+        const WalkFrame f = fetch(0);
         Resources r = acquireResources(host, call, header, params, f.rect.y1 - f.rect.y0, f.rect.x1 - f.rect.x0);
         QT::decodeMasks(*r.tensors, *r.tmp, *r.submodels, static_cast<const u8*>(maskBuffer->getData()),
                         maskBuffer->getSize());
@@ -274,23 +286,25 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
     // Masks that are cached need no state; one that is walked on is read here (refused when corrupt).
     QT_HostState view(state);
     if (needInit) {
-        Resources r = acquireResources(host, call, header, params, walk.front().rect.y1 - walk.front().rect.y0,
-                                       walk.front().rect.x1 - walk.front().rect.x0);
+        const Rect& first = keyframes.front().rect;
+        Resources r = acquireResources(host, call, header, params, first.y1 - first.y0, first.x1 - first.x0);
         QT::encodeKeyframes(*common, view, *r.tensors, *r.submodels, keyframes);
     }
-    for (size_t i = 0; i < walk.size(); ++i) {
+    keyframes.clear();  // in memory now
+    const size_t count = plan.framesToRun.size();
+    for (size_t i = 0; i < count; ++i) {
         if (host->isCancelled(call)) ML_THROW_CANCEL();
-        host->setProgress(call, static_cast<float>(i) / static_cast<float>(walk.size()));
-        const WalkFrame& f = walk[i];
+        host->setProgress(call, static_cast<float>(i) / static_cast<float>(count));
+        const WalkFrame f = fetch(i);
         Resources r = acquireResources(host, call, header, params, f.rect.y1 - f.rect.y0, f.rect.x1 - f.rect.x0);
         QT::propagateFrame(*common, view, *r.tensors, *r.tmp, *r.submodels, plans, f.frame,
                            makeNewImageView(f.rgb, f.rect));
         const u64 length = QT::encodeMasks(*r.tensors, *r.tmp, *r.submodels);
         // A mask already there (of another region's size, say) stays: the cache keeps one per frame.
         computeCachedAnySize(host, call, QT::maskKey(sequence, f.frame), length,
-                      [&](Buffer& b) { std::memcpy(b.getData(), r.tmp->rleStream.data(), length); });
+                             [&](Buffer& b) { std::memcpy(b.getData(), r.tmp->rleStream.data(), length); });
         deliverMasks(*common, *r.tmp, f);
-        if (i + 1 == walk.size()) colorize(*common, *r.tmp, *r.submodels, f);
+        if (i + 1 == count) colorize(*common, *r.tmp, *r.submodels, f);
     }
     host->setProgress(call, 1.0f);
 }

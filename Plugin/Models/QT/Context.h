@@ -36,12 +36,13 @@ private:
     const i32 h = 512, w = 1024, memoryEvery = 5;
     u32 dataType;
     std::unordered_map<std::string, QT_ModelParams> modelParams;
-    std::unordered_map<std::string, QT_SubmodelInfo> submodels;
+    // Everything loaded is keyed by the model first: two models never share a network.
+    std::unordered_map<std::string, QT_SubmodelInfo> submodels;  // by model and submodel name
     std::unordered_map<std::string, QT::Submodels> loadedModels;
     std::unordered_map<std::string, std::shared_ptr<QT_ShapeTensors>> shapeTensors;
     LruCache<std::string, QT_TmpHostState> tmpStates{2};
     TiledExecution::ExecutionPlanMap plans;
-    std::unordered_map<std::string, std::shared_ptr<BackendModel>> networks;  // by cache name
+    std::unordered_map<std::string, std::shared_ptr<BackendModel>> networks;  // by model and cache name
     std::mutex mutex;
 };
 

@@ -9,6 +9,10 @@
 
 namespace ML::QT {
 
+// The most keyframes a sequence takes: each is asked of the host, held through the render and
+// named in the keys.
+constexpr i32 kMaxKeyframes = 1000;
+
 struct SequenceId {
     i32 h = 0, w = 0;
     std::string modelId;
