@@ -438,10 +438,9 @@ TEST(RealNetworks, DefaultPackageListsImportedNetworksAndStandIns) {
     std::set<std::string> expected;
     for (const auto& [name, entry] : index.items())
         if (entry["kind"] != "imported") expected.insert(name);
+    const json bareIndex = json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"];
     std::set<std::string> bare;
-    for (const auto& [name, entry] :
-         json::parse(ML::readBinaryFile(dir / "bare" / "models" / "networks.json"))["models"].items())
-        bare.insert(name);
+    for (const auto& [name, entry] : bareIndex.items()) bare.insert(name);
     EXPECT_EQ(bare, expected);
     EXPECT_LT(bare.size(), index.size());
 }
