@@ -166,4 +166,17 @@ void resizeImage(PixelType type, bool planar, const void* input, void* output, i
               [&](int64_t first, int64_t last) { fn(job, first, last); });
 }
 
+void copyBytes(void* output, const void* input, uint64_t bytes, int threads) {
+    // Pieces of whole 64-byte lines, at least kElementsPerPiece of 16 bytes each.
+    constexpr int64_t kLine = 64;
+    const auto* in = static_cast<const uint8_t*>(input);
+    auto* out = static_cast<uint8_t*>(output);
+    const auto lines = static_cast<int64_t>(bytes / kLine);
+    splitRows(lines, lines * (kLine / 16), threads, [&](int64_t first, int64_t last) {
+        const uint64_t end = last == lines ? bytes : static_cast<uint64_t>(last * kLine);
+        std::memcpy(out + first * kLine, in + first * kLine, end - static_cast<uint64_t>(first * kLine));
+    });
+    if (lines == 0 && bytes) std::memcpy(out, in, bytes);
+}
+
 }  // namespace ML::OrtBackend

@@ -53,6 +53,10 @@ void resizeImage(PixelType type, bool planar, const void* input, void* output, i
                  int64_t height, int64_t width, int64_t outHeight, int64_t outWidth, int threads,
                  KernelVariant variant = KernelVariant::Best);
 
+// Copies bytes from input to output (not overlapping); large copies are split over at most threads
+// threads, the caller's included.
+void copyBytes(void* output, const void* input, uint64_t bytes, int threads);
+
 // Whether the vectorised variant runs on this processor.
 bool imageKernelsVectorised();
 

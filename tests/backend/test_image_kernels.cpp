@@ -3,6 +3,7 @@
 // against references and against the standard-operator form in tools_conversion_tests.)
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -77,5 +78,16 @@ TEST(ImageKernels, PlainAndVectorisedResizeAgree) {
                                     KernelVariant::Plain);
         ML::OrtBackend::resizeImage(r.type, r.planar, in.data(), best.data(), 2, r.channels, r.h, r.w, r.outH, r.outW, 3);
         EXPECT_TRUE(plain == best) << "row " << (&r - rows);
+    }
+}
+
+TEST(ImageKernels, CopiesSplitOverThreadsKeepEveryByte) {
+    // Sizes below, at and above a split, with a tail that is no whole line.
+    for (const size_t bytes : {size_t{1}, size_t{63}, size_t{1} << 20, (size_t{6} << 20) + 13}) {
+        std::vector<uint8_t> in(bytes), out(bytes + 1, 0xEE);
+        for (size_t i = 0; i < bytes; ++i) in[i] = static_cast<uint8_t>(i * 131 + (i >> 9));
+        ML::OrtBackend::copyBytes(out.data(), in.data(), bytes, 3);
+        EXPECT_TRUE(std::equal(in.begin(), in.end(), out.begin())) << bytes << " bytes";
+        EXPECT_EQ(out[bytes], 0xEE) << bytes << " bytes";
     }
 }
