@@ -33,6 +33,7 @@ TEST(ImageKernels, PlainAndVectorisedLoopsAgree) {
         {F16, F32, false, true, 2, {0, 1, -1, -1}, {0, 0, 0, 1}},
         {F32, F16, true, false, 4, {3, 0, 1, 2}, {0, 0, 0, 0}},
         {U8, U8, false, true, 4, {1, 2, 3}, {0, 0, 0}},
+        {U8, F32, false, true, 3, {2, -1, 0, 0}, {0, 0.5f, 0, 0}},
     };
     const int64_t n = 2, h = 37, w = 1043;
     for (const Row& r : rows) {
