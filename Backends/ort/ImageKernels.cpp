@@ -161,6 +161,22 @@ void resizeImage(PixelType type, bool planar, const void* input, void* output, i
     job.outWidth = outWidth;
     job.rowTaps = taps(height, outHeight);
     job.columns = taps(width, outWidth);
+    if ((planar || channels == 1) && width < (int64_t(1) << 30)) {
+        for (const Tap& t : job.columns) job.columnWeights.push_back(t.w);
+        for (int64_t g = 0; g + 8 <= outWidth; g += 8) {
+            const int64_t base = job.columns[static_cast<size_t>(g)].i0;
+            bool near = base + 16 <= width;
+            for (int64_t k = 0; k < 8; ++k) {
+                const Tap& t = job.columns[static_cast<size_t>(g + k)];
+                near = near && t.i1 == t.i0 + 1 && t.i0 - base <= 14;
+                job.groupOffsets.push_back(static_cast<int32_t>(t.i0 - base));
+            }
+            job.groupBases.push_back(near ? static_cast<int32_t>(base) : -1);
+        }
+        // Sampled more sparsely than that (shrinking by two or more), no group is near.
+        if (std::all_of(job.groupBases.begin(), job.groupBases.end(), [](int32_t b) { return b < 0; }))
+            job.groupBases.clear();
+    }
     const int64_t rows = batch * (planar ? channels : 1) * outHeight;
     splitRows(rows, rows * outWidth * (planar ? 1 : channels), threads,
               [&](int64_t first, int64_t last) { fn(job, first, last); });

@@ -62,7 +62,7 @@ TEST(ImageKernels, PlainAndVectorisedResizeAgree) {
                         {PixelType::F16, false, 3, 20, 30, 41, 13}, {PixelType::U8, false, 6, 5, 9, 11, 4},
                         {PixelType::F32, false, 1, 9, 1030, 20, 517}, {PixelType::U8, true, 2, 3, 3, 1, 1},
                         {PixelType::U8, true, 1, 50, 300, 97, 611}, {PixelType::F32, true, 2, 17, 64, 40, 129},
-                        {PixelType::U8, true, 3, 60, 1000, 31, 203}};
+                        {PixelType::U8, true, 3, 60, 1000, 31, 203}, {PixelType::F16, true, 3, 108, 193, 77, 129}};
     for (const Row& r : rows) {
         const size_t eb = r.type == PixelType::U8 ? 1 : r.type == PixelType::F16 ? 2 : 4;
         std::vector<uint8_t> in(static_cast<size_t>(2 * r.channels * r.h * r.w) * eb);
