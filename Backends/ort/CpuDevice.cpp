@@ -6,6 +6,8 @@
 #include "BackendError.h"
 #include "CpuInfo.h"
 #include "Device.h"
+#include "ImageKernels.h"
+#include "Runtime.h"
 
 namespace ML::OrtBackend {
 
@@ -16,7 +18,9 @@ constexpr std::size_t kAlignment = 64;
 class CpuDevice final : public Device {
 public:
     CpuDevice()
-        : name_(cpuModelName()), memoryInfo_(Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeDefault)) {}
+        : name_(cpuModelName()),
+          memoryInfo_(Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeDefault)),
+          threads_(sharedPoolThreads()) {}
 
     u32 index() const override { return 0; }
     const std::string& name() const override { return name_; }
@@ -31,11 +35,12 @@ public:
     }
     void deallocate(void* data) noexcept override { ::operator delete(data, std::align_val_t(kAlignment)); }
 
+    // Uploads and downloads of whole frames are split over the fused kernels' threads.
     void copyFromHost(void* destination, const void* source, u64 bytes) override {
-        std::memcpy(destination, source, bytes);
+        copyBytes(destination, source, bytes, threads_);
     }
     void copyToHost(void* destination, const void* source, u64 bytes) override {
-        std::memcpy(destination, source, bytes);
+        copyBytes(destination, source, bytes, threads_);
     }
     void copyOnDevice(void* destination, const void* source, u64 bytes) override {
         std::memmove(destination, source, bytes);
@@ -47,6 +52,7 @@ public:
 private:
     std::string name_;
     Ort::MemoryInfo memoryInfo_;
+    int threads_;
 };
 
 }  // namespace

@@ -87,18 +87,24 @@ private:
     uint64_t generation_ = 0;
 };
 
-// Runs fn(first, last) over [0, rows) in up to parts pieces, the calling thread taking part.
+// Below this many elements per piece a split costs more than it saves.
+constexpr int64_t kElementsPerPiece = 1 << 15;
+// Pieces per thread: threads that finish early (or start late, on a busy machine) take more.
+constexpr int64_t kPiecesPerThread = 4;
+
+// Runs fn(first, last) over [0, rows) of elements in all on up to threads threads, the calling
+// thread taking part, in pieces of at least kElementsPerPiece elements.
 template <class F>
-void splitRows(int64_t rows, int64_t parts, const F& fn) {
-    parts = std::clamp<int64_t>(parts, 1, rows);
-    if (parts == 1) {
+void splitRows(int64_t rows, int64_t elements, int threads, const F& fn) {
+    threads = static_cast<int>(std::clamp<int64_t>(threads, 1, std::max<int64_t>(1, elements / kElementsPerPiece)));
+    const int64_t parts = std::clamp<int64_t>(std::min(threads * kPiecesPerThread, elements / kElementsPerPiece), 1, rows);
+    if (threads == 1 || parts == 1) {
         fn(0, rows);
         return;
     }
     // Never destroyed: its threads wait for the next job until the process ends.
     static RowPool* pool = new RowPool;
-    pool->run(parts, static_cast<int>(parts - 1),
-              [&](int64_t p) { fn(rows * p / parts, rows * (p + 1) / parts); });
+    pool->run(parts, threads - 1, [&](int64_t p) { fn(rows * p / parts, rows * (p + 1) / parts); });
 }
 
 // Source taps of each of out positions from in ones, half-pixel centres, clamped; the
@@ -119,9 +125,6 @@ RowsFn rowKernel() {
     return fn;
 }
 
-// Below this many elements per thread a split costs more than it saves.
-constexpr int64_t kElementsPerThread = 1 << 16;
-
 }  // namespace
 
 bool imageKernelsVectorised() {
@@ -137,7 +140,7 @@ void convertImage(const ImageConversion& conversion, const void* input, void* ou
     const auto* in = static_cast<const uint8_t*>(input);
     auto* out = static_cast<uint8_t*>(output);
     const int64_t elements = rows * width * static_cast<int64_t>(conversion.sources.size());
-    splitRows(rows, std::min<int64_t>(threads, elements / kElementsPerThread),
+    splitRows(rows, elements, threads,
               [&](int64_t first, int64_t last) { fn(conversion, in, out, height, width, first, last); });
 }
 
@@ -158,9 +161,38 @@ void resizeImage(PixelType type, bool planar, const void* input, void* output, i
     job.outWidth = outWidth;
     job.rowTaps = taps(height, outHeight);
     job.columns = taps(width, outWidth);
+    if ((planar || channels == 1) && width < (int64_t(1) << 30)) {
+        for (const Tap& t : job.columns) job.columnWeights.push_back(t.w);
+        for (int64_t g = 0; g + 8 <= outWidth; g += 8) {
+            const int64_t base = job.columns[static_cast<size_t>(g)].i0;
+            bool near = base + 16 <= width;
+            for (int64_t k = 0; k < 8; ++k) {
+                const Tap& t = job.columns[static_cast<size_t>(g + k)];
+                near = near && t.i1 == t.i0 + 1 && t.i0 - base <= 14;
+                job.groupOffsets.push_back(static_cast<int32_t>(t.i0 - base));
+            }
+            job.groupBases.push_back(near ? static_cast<int32_t>(base) : -1);
+        }
+        // Sampled more sparsely than that (shrinking by two or more), no group is near.
+        if (std::all_of(job.groupBases.begin(), job.groupBases.end(), [](int32_t b) { return b < 0; }))
+            job.groupBases.clear();
+    }
     const int64_t rows = batch * (planar ? channels : 1) * outHeight;
-    splitRows(rows, std::min<int64_t>(threads, rows * outWidth * (planar ? 1 : channels) / kElementsPerThread),
+    splitRows(rows, rows * outWidth * (planar ? 1 : channels), threads,
               [&](int64_t first, int64_t last) { fn(job, first, last); });
+}
+
+void copyBytes(void* output, const void* input, uint64_t bytes, int threads) {
+    // Pieces of whole 64-byte lines, at least kElementsPerPiece of 16 bytes each.
+    constexpr int64_t kLine = 64;
+    const auto* in = static_cast<const uint8_t*>(input);
+    auto* out = static_cast<uint8_t*>(output);
+    const auto lines = static_cast<int64_t>(bytes / kLine);
+    splitRows(lines, lines * (kLine / 16), threads, [&](int64_t first, int64_t last) {
+        const uint64_t end = last == lines ? bytes : static_cast<uint64_t>(last * kLine);
+        std::memcpy(out + first * kLine, in + first * kLine, end - static_cast<uint64_t>(first * kLine));
+    });
+    if (lines == 0 && bytes) std::memcpy(out, in, bytes);
 }
 
 }  // namespace ML::OrtBackend

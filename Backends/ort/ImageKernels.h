@@ -36,6 +36,12 @@ struct ImageResizeJob {
     uint8_t* output = nullptr;
     int64_t channels = 1, inHeight = 0, inWidth = 0, outHeight = 0, outWidth = 0;
     std::vector<Tap> rowTaps, columns;
+    // One element a pixel: the columns in groups of eight as the vectorised loop reads them. A
+    // group's base is its first column's first tap, or -1 where the group's taps are not all
+    // neighbours within 16 elements from the base inside the row; offsets are each column's first
+    // tap from the base. Weights are the columns' own.
+    std::vector<int32_t> groupBases, groupOffsets;
+    std::vector<float> columnWeights;
 };
 
 // Which row loops run: the best this processor has, or the plain ones (to compare them).
@@ -52,6 +58,10 @@ void convertImage(const ImageConversion& conversion, const void* input, void* ou
 void resizeImage(PixelType type, bool planar, const void* input, void* output, int64_t batch, int64_t channels,
                  int64_t height, int64_t width, int64_t outHeight, int64_t outWidth, int threads,
                  KernelVariant variant = KernelVariant::Best);
+
+// Copies bytes from input to output (not overlapping); large copies are split over at most threads
+// threads, the caller's included.
+void copyBytes(void* output, const void* input, uint64_t bytes, int threads);
 
 // Whether the vectorised variant runs on this processor.
 bool imageKernelsVectorised();

@@ -47,6 +47,12 @@ const Pair kPairs[] = {
      {Image::CHW, ML::F16, Image::RGB, 518, 518}},
     {"CHW-F16-R 518x518_TO_HWC-U8-RGBA resized", {Image::CHW, ML::F16, Image::R, 518, 518},
      {Image::HWC, ML::U8, Image::RGBA}},
+    // The depth render's (stand-in network size) and the face detector's.
+    {"HWC-U8-RGB_TO_CHW-F16-RGB resized to 256x256", {Image::HWC, ML::U8, Image::RGB},
+     {Image::CHW, ML::F16, Image::RGB, 256, 256}},
+    {"CHW-F16-R 256x256_TO_CHW-F32-R resized", {Image::CHW, ML::F16, Image::R, 256, 256}, {Image::CHW, ML::F32, Image::R}},
+    {"HWC-U8-RGB_TO_CHW-F16-RGB resized to 768x1280", {Image::HWC, ML::U8, Image::RGB},
+     {Image::CHW, ML::F16, Image::RGB, 768, 1280}},
 };
 
 size_t elementBytes(ML::u32 type) { return type == ML::U8 ? 1 : type == ML::F16 ? 2 : 4; }

@@ -3,6 +3,7 @@
 // against references and against the standard-operator form in tools_conversion_tests.)
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -32,6 +33,7 @@ TEST(ImageKernels, PlainAndVectorisedLoopsAgree) {
         {F16, F32, false, true, 2, {0, 1, -1, -1}, {0, 0, 0, 1}},
         {F32, F16, true, false, 4, {3, 0, 1, 2}, {0, 0, 0, 0}},
         {U8, U8, false, true, 4, {1, 2, 3}, {0, 0, 0}},
+        {U8, F32, false, true, 3, {2, -1, 0, 0}, {0, 0.5f, 0, 0}},
     };
     const int64_t n = 2, h = 37, w = 1043;
     for (const Row& r : rows) {
@@ -58,7 +60,9 @@ TEST(ImageKernels, PlainAndVectorisedResizeAgree) {
     };
     const Row rows[] = {{PixelType::U8, false, 4, 41, 77, 130, 251}, {PixelType::F16, true, 3, 135, 241, 67, 83},
                         {PixelType::F16, false, 3, 20, 30, 41, 13}, {PixelType::U8, false, 6, 5, 9, 11, 4},
-                        {PixelType::F32, false, 1, 9, 1030, 20, 517}, {PixelType::U8, true, 2, 3, 3, 1, 1}};
+                        {PixelType::F32, false, 1, 9, 1030, 20, 517}, {PixelType::U8, true, 2, 3, 3, 1, 1},
+                        {PixelType::U8, true, 1, 50, 300, 97, 611}, {PixelType::F32, true, 2, 17, 64, 40, 129},
+                        {PixelType::U8, true, 3, 60, 1000, 31, 203}, {PixelType::F16, true, 3, 108, 193, 77, 129}};
     for (const Row& r : rows) {
         const size_t eb = r.type == PixelType::U8 ? 1 : r.type == PixelType::F16 ? 2 : 4;
         std::vector<uint8_t> in(static_cast<size_t>(2 * r.channels * r.h * r.w) * eb);
@@ -75,5 +79,16 @@ TEST(ImageKernels, PlainAndVectorisedResizeAgree) {
                                     KernelVariant::Plain);
         ML::OrtBackend::resizeImage(r.type, r.planar, in.data(), best.data(), 2, r.channels, r.h, r.w, r.outH, r.outW, 3);
         EXPECT_TRUE(plain == best) << "row " << (&r - rows);
+    }
+}
+
+TEST(ImageKernels, CopiesSplitOverThreadsKeepEveryByte) {
+    // Sizes below, at and above a split, with a tail that is no whole line.
+    for (const size_t bytes : {size_t{1}, size_t{63}, size_t{1} << 20, (size_t{6} << 20) + 13}) {
+        std::vector<uint8_t> in(bytes), out(bytes + 1, 0xEE);
+        for (size_t i = 0; i < bytes; ++i) in[i] = static_cast<uint8_t>(i * 131 + (i >> 9));
+        ML::OrtBackend::copyBytes(out.data(), in.data(), bytes, 3);
+        EXPECT_TRUE(std::equal(in.begin(), in.end(), out.begin())) << bytes << " bytes";
+        EXPECT_EQ(out[bytes], 0xEE) << bytes << " bytes";
     }
 }

@@ -155,10 +155,12 @@ void Context::colorize_output(RenderState& rs) {
     if (!maskBlur) maskBlur = modelContext->loadModel("mask_blur");
     for (const TiledExecution::Tile& tile : plan.tiles) {
         if (rs.host->isCancelled(rs.call)) ML_THROW_CANCEL();
-        std::fill(hs->colorBytes.begin(), hs->colorBytes.end(), u8(0));
+        // The buffers need clearing only where the copy leaves part of the tile uncovered.
+        const bool partial = !(tile.srcTileRect == hs->colorTile->getRect());
+        if (partial) std::fill(hs->colorBytes.begin(), hs->colorBytes.end(), u8(0));
         copySlice(input, hs->colorTile, tile.srcRect, tile.srcTileRect);
         common->hostImageToTensor(hs->colorTile, ts.rgb, ts.detector.input);
-        std::fill(hs->maskBytes.begin(), hs->maskBytes.end(), u8(0));
+        if (partial) std::fill(hs->maskBytes.begin(), hs->maskBytes.end(), u8(0));
         copySlice(mask, hs->maskTile, tile.srcRect, tile.srcTileRect);
         common->hostImageToTensor(hs->maskTile, ts.r, ts.mask);
         maskBlur->run({ts.detector.input, ts.mask}, {ts.color}, -1);
