@@ -149,6 +149,7 @@ TEST(SegmentationEffect, PromptsSelectTheirObject) {
         Prompt prompt;
         std::function<bool(float, float)> wanted;
         int scale = 1;
+        std::optional<Rect> roi = {};  // the mask is made inside it only
     } cases[] = {
         {"a click on the blue rectangle", {{900, {190, 60}}}, in(kBlue)},
         {"a click on the red disc takes the touching orange one of a near colour",
@@ -161,12 +162,20 @@ TEST(SegmentationEffect, PromptsSelectTheirObject) {
         {"a box alone selects what it surrounds", {{902, {140, 14, 240, 110}}}, in(kBlue)},
         {"a picture larger than a tile of the mask's last stage", {{900, {570, 180}}},
          [](float x, float y) { return kBlue.contains(x / 3, y / 3); }, 3},
+        // Prompts are in the picture's pixels, not the region's. The embedding is kept under the
+        // frame alone, so each region gets a frame of its own.
+        {"a click in a region off the origin", {{900, {190, 60}}},
+         [](float x, float y) { return kBlue.contains(x, y) && x >= 120; }, 1, Rect{120, 10, 250, 180}},
+        {"a region of the logits' own size", {{900, {380, 120}}},
+         [](float x, float y) { return kBlue.contains(x / 2, y / 2); }, 2, Rect{250, 10, 506, 266}},
     };
     for (const auto& c : cases) {
         Render r;
         r.prompt = c.prompt;
+        r.roi = c.roi;
         r.input = picture(c.scale);
-        r.frame = static_cast<ML::u32>(c.scale);  // a frame number for each picture: its embedding
+        // A frame number for each picture and region: its embedding.
+        r.frame = static_cast<ML::u32>(c.scale) + (c.roi ? 10u * static_cast<ML::u32>(c.roi->x0) : 0u);
         const Result result = render(r);
         ASSERT_EQ(result.status, ML::STATUS_OK) << c.name << testing::PrintToString(host().logger().lines());
         EXPECT_GT(iou(*result.mask, c.wanted), 0.8) << c.name;
@@ -207,6 +216,17 @@ TEST(SegmentationEffect, EncoderRunsOncePerFrameAndDecoderPerPrompt) {
     EXPECT_EQ(encoded(again, 5), true);
     for (int y = 0; y < kH; y += 7)
         for (int x = 0; x < kW; x += 7) EXPECT_EQ(valueAt(*again.mask, x, y), valueAt(*second.mask, x, y));
+
+    // Another model's embedding of another size under the frame's key is left alone: this
+    // model encodes the frame beside it, to the same mask.
+    host().cache().clear();
+    host().cache().store(ML::SAM::encodingKey(5), ML::Ptr<ML::Buffer>(new ML::BufferImp(100)));
+    const Result beside = render(r);
+    ASSERT_EQ(beside.status, ML::STATUS_OK) << testing::PrintToString(host().logger().lines());
+    EXPECT_EQ(beside.fills, 1u);
+    EXPECT_EQ(host().cache().find(ML::SAM::encodingKey(5))->getSize(), 100u);
+    for (int y = 0; y < kH; y += 7)
+        for (int x = 0; x < kW; x += 7) EXPECT_EQ(valueAt(*beside.mask, x, y), valueAt(*second.mask, x, y));
 }
 
 TEST(SegmentationEffect, ColourisedViewTintsTheMaskAndMarksThePrompt) {
@@ -250,6 +270,8 @@ TEST(SegmentationEffect, BadPromptsAreRefused) {
         {"no output mask", [](Render& r) { r.mask = false; }, "SAM output mask is required!"},
         {"an RGB output", [](Render& r) { r.maskFormat = Image::RGB; },
          "SAM output image should be single channel mask! (ML::Image::ChannelFormat::R)"},
+        {"a region beyond the picture", [](Render& r) { r.roi = Rect{0, 0, kW + 8, kH}; },
+         "Output must fully cover output rect"},
     };
     for (const auto& c : cases) {
         host().logger().clear();

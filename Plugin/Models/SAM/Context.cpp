@@ -30,6 +30,9 @@ std::shared_ptr<BackendModel> loadWithNotice(ModelContext& context, Host* host, 
         host->setBusyLoading(call, false);
         if (dynamic_cast<const ML::Exception*>(&e)) throw;
         ML_THROW(e.what());
+    } catch (...) {
+        host->setBusyLoading(call, false);
+        ML_THROW("Loading " + file + " failed");
     }
     host->setBusyLoading(call, false);
     return model;
@@ -83,13 +86,10 @@ std::shared_ptr<BackendModel> Context::getEncoder(Host* host, u64 call, const Mo
 }
 
 std::shared_ptr<BackendModel> Context::getDecoder(Host* host, u64 call, const ModelInfo& modelInfo, bool batch) {
-    const std::string prefix = modelInfo.modelId + "_dec_";
-    const std::string file = prefix + (batch ? "batch" : "single");
+    const std::string file = modelInfo.modelId + "_dec_" + (batch ? "batch" : "single");
     auto found = decoders.find(file);
     if (found != decoders.end()) return found->second;
-    // Both decoders of one model may be loaded; another model's go first.
-    if (std::any_of(decoders.begin(), decoders.end(), [&](const auto& d) { return d.first.rfind(prefix, 0) != 0; }))
-        decoders.clear();
+    decoders.clear();
     std::shared_ptr<BackendModel> decoder = loadWithNotice(*modelContext, host, call, file);
     decoders.emplace(file, decoder);
     return decoder;
@@ -118,7 +118,7 @@ TempState_Host& Context::hostState(const RenderState& rs) {
 
 void Context::loadEmbedding(RenderState& rs, TempState& ts) {
     const u64 size = ts.encodedSize();
-    const Ptr<Buffer> encoded = computeCached(rs.host, rs.call, encodingKey(rs.frame), size, [&](Buffer& buffer) {
+    const auto encode = [&](Buffer& buffer) {
         const std::shared_ptr<BackendModel> encoder = getEncoder(rs.host, rs.call, rs.info);
         common->hostImageToTensor(makeNewImageView(rs.inputImage, rs.rect), ts.imageDescription(), ts.image);
         const TensorList outputs = ts.encoderOutputs();
@@ -128,7 +128,12 @@ void Context::loadEmbedding(RenderState& rs, TempState& ts) {
             t->download(at);
             at += t->getByteSize();
         }
-    });
+    };
+    // The key names the frame alone: an embedding of another size under it is another model's
+    // (another architecture, shape or type), and this model's goes under a key naming its size.
+    Ptr<Buffer> encoded = computeCachedAnySize(rs.host, rs.call, encodingKey(rs.frame), size, encode);
+    if (encoded->getSize() != size)
+        encoded = computeCached(rs.host, rs.call, encodingKey(rs.frame) + "_bytes:" + std::to_string(size), size, encode);
     const u8* at = static_cast<const u8*>(encoded->getData());
     for (const auto& t : ts.embeddingTensors()) {
         t->upload(at);
@@ -139,9 +144,13 @@ void Context::loadEmbedding(RenderState& rs, TempState& ts) {
 void Context::logitsToMask(RenderState& rs, TempState& ts, TempState_Host& hs) {
     const i32 rh = rs.rect.height(), rw = rs.rect.width();
     const Ptr<Image> rectPlane = makeDescription(rh, rw, Image::R, Image::CHW, dataType);
-    common->tensorToTensor(makeDescription(ts.h / 4, ts.w / 4, Image::R, Image::CHW, dataType), ts.lowResLogits,
-                           rectPlane, hs.outTensor);
-    hs.outTensor->download(hs.outLogits.data());
+    if (rh == ts.h / 4 && rw == ts.w / 4) {
+        ts.lowResLogits->download(hs.outLogits.data());  // already at the region's size
+    } else {
+        common->tensorToTensor(makeDescription(ts.h / 4, ts.w / 4, Image::R, Image::CHW, dataType), ts.lowResLogits,
+                               rectPlane, hs.outTensor);
+        hs.outTensor->download(hs.outLogits.data());
+    }
 
     if (!tilePlans || tilePlans->sizes().front() != TiledExecution::ExecSize{ts.th, ts.tw})
         tilePlans =

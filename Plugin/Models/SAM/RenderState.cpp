@@ -11,7 +11,11 @@ namespace {
 
 i32 intParam(const nlohmann::json& params, const char* key) {
     if (!params.is_object() || !params.contains(key)) ML_THROW(std::string("SAM model params miss \"") + key + "\"");
-    return params.at(key).get<i32>();
+    const nlohmann::json& value = params.at(key);
+    if (!value.is_number_integer() || value.get<i64>() < 1 || value.get<i64>() > (1 << 16))
+        ML_THROW(std::string("SAM model param \"") + key + "\" should be a whole number from 1 to 65536, got: " +
+                 value.dump());
+    return value.get<i32>();
 }
 
 Ptr<Buffer> inputBuffer(Host* host, u64 call, u32 frame, i32 id) {
@@ -79,9 +83,12 @@ RenderState::RenderState(Host* host, u64 call, const ModelInfo& info, bool prepa
     if (outputColorized && !prepareOnly && !covers(outputColorized->getRect(), rect))
         ML_THROW("Output must fully cover output rect");
 
-    positivePoints = readPoints(inputBuffer(host, call, frame, kPositivePointsBuffer));
-    negativePoints = readPoints(inputBuffer(host, call, frame, kNegativePointsBuffer));
-    boxes = readBox(inputBuffer(host, call, frame, kBoxBuffer));
+    const Ptr<Buffer> positive = inputBuffer(host, call, frame, kPositivePointsBuffer);
+    const Ptr<Buffer> negative = inputBuffer(host, call, frame, kNegativePointsBuffer);
+    const Ptr<Buffer> box = inputBuffer(host, call, frame, kBoxBuffer);
+    positivePoints = readPoints(positive);
+    negativePoints = readPoints(negative);
+    boxes = readBox(box);
     if (positivePoints.empty() && boxes.empty())
         ML_THROW(
             "No positive points or bbox provided! Nothing to render! (we *could* set a default bbox from the image "
