@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <sstream>
 
 #include "Host/BufferText.h"
 #include "Host/Cli/CliError.h"
@@ -64,6 +65,30 @@ std::map<int, std::vector<float>> segmentationBuffers(const SegmentationPrompt& 
     return buffers;
 }
 
+void checkPromptInPicture(const std::map<int, std::vector<float>>& buffers, int width, int height) {
+    const auto text = [](float v) {
+        std::ostringstream s;
+        s << v;
+        return s.str();
+    };
+    const std::string picture = " lies outside the picture (" + std::to_string(width) + "x" + std::to_string(height) + ")";
+    for (int id : {kPositivePointsBuffer, kNegativePointsBuffer}) {
+        const auto found = buffers.find(id);
+        if (found == buffers.end()) continue;
+        const std::vector<float>& xy = found->second;
+        for (std::size_t i = 0; i + 1 < xy.size(); i += 2)
+            if (xy[i] < 0 || xy[i + 1] < 0 || xy[i] >= static_cast<float>(width) || xy[i + 1] >= static_cast<float>(height))
+                throw CliError(EXIT_USAGE, "point " + text(xy[i]) + "," + text(xy[i + 1]) + picture);
+    }
+    const auto box = buffers.find(kBoxBuffer);
+    if (box != buffers.end() && box->second.size() == 4) {
+        const std::vector<float>& b = box->second;
+        if (b[0] >= static_cast<float>(width) || b[1] >= static_cast<float>(height) || b[2] <= 0 || b[3] <= 0)
+            throw CliError(EXIT_USAGE,
+                           "box " + text(b[0]) + "," + text(b[1]) + "," + text(b[2]) + "," + text(b[3]) + picture);
+    }
+}
+
 RenderRequest renderRequestFor(const Options& o) {
     RenderRequest request;
     request.target = o.target;
@@ -115,6 +140,8 @@ FrameResult FrameRenderer::render(int frame, const QMedia::Frame& inputFrame, co
     } else if (request_.roi) {
         outRect = *request_.roi;
     }
+    if (request_.target == TARGET_INTERACTIVE_SEGMENTATION)
+        checkPromptInPicture(request_.inputBuffers, inputFrame.width(), inputFrame.height());
     const auto input = toHostImage(inputFrame, inRect);
     const ML::u32 format0 = outputFormat(request_.target, 0, *input);
     auto output = makeOutputImage(outRect, format0, outputType(request_.target, 0, *input), outputLayout(request_.target, format0));

@@ -53,6 +53,9 @@ struct FrameResult {
 // Input buffers of interactive segmentation: positive points, negative points, the box.
 constexpr int kPositivePointsBuffer = 900, kNegativePointsBuffer = 901, kBoxBuffer = 902;
 std::map<int, std::vector<float>> segmentationBuffers(const SegmentationPrompt& prompt);
+// Refuses (usage error) a point outside the picture of width x height, or a box beside it: the
+// plug-in would take it as it is and select nothing.
+void checkPromptInPicture(const std::map<int, std::vector<float>>& buffers, int width, int height);
 
 // The request that the options ask for: target, model, backend, region, parameters and buffer
 // outputs; for upscaling, the factor and origin of its parameters 200, 202 and 203.

@@ -52,3 +52,26 @@ TEST(SegmentationOptions, BadValuesAreUsageErrors) {
 }
 
 }  // namespace
+
+// A click or a box beside the picture would select nothing: the frame's size refuses it.
+TEST(SegmentationOptions, PromptsOutsideThePictureAreRefused) {
+    const std::pair<Buffers, bool> cases[] = {
+        {{{900, {639, 479}}, {902, {-10, -10, 1, 1}}}, true},
+        {{{900, {640, 10}}}, false},
+        {{{901, {10, 480}}, {902, {0, 0, 10, 10}}}, false},
+        {{{902, {640, 0, 700, 10}}}, false},
+        {{{902, {-20, -20, 0, 10}}}, false},
+    };
+    for (const auto& [buffers, inside] : cases) {
+        if (inside) {
+            EXPECT_NO_THROW(QCli::checkPromptInPicture(buffers, 640, 480)) << testing::PrintToString(buffers);
+            continue;
+        }
+        try {
+            QCli::checkPromptInPicture(buffers, 640, 480);
+            ADD_FAILURE() << testing::PrintToString(buffers);
+        } catch (const QCli::CliError& e) {
+            EXPECT_NE(std::string(e.what()).find("lies outside the picture (640x480)"), std::string::npos) << e.what();
+        }
+    }
+}
