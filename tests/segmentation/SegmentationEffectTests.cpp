@@ -90,11 +90,7 @@ struct Result {
 };
 
 Result render(const Render& r) {
-    auto s = std::make_shared<QHost::CallSettings>(3, kTarget);
-    s->setModelIndex(0);
-    s->setDataFolder((testpkg::packageDir / "config").string());
-    s->setAuxFolder((testpkg::packageDir / "models").string());
-    s->setFrame(r.frame);
+    auto s = inprocess::packageSettings(3, kTarget, r.frame);
     s->setInputImage(r.frame, r.input);
     if (r.roi) s->setRoi(r.frame, *r.roi);
     for (const auto& [id, values] : r.prompt) {
