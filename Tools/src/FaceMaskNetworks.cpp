@@ -91,12 +91,20 @@ onnx::ModelProto buildLogitsToMasks(ML::u32 dataType) {
     const Dim t = Dim::fixed(kLogitsTile), c = Dim::named("C");
     const Dims dims{Dim::fixed(1), c, t, t};
     const std::string logits = g.cast(g.input("logits", dataType, dims), dataType, ML::F32);
-    // One channel is a logit of its own (interactive segmentation): its sigmoid.
+    // A softmax over the channels, stable against large logits; one channel is a logit of its own
+    // (interactive segmentation), against an implicit zero: 1 / (1 + e^-x), its sigmoid. Both
+    // come from one formula, e^(x - m) / (sum of e^(x - m) + [one channel] e^-m), so that no
+    // branch is computed and thrown away.
+    const std::string largest = g.op("ReduceMax", {logits}, {attrInts("axes", {1}), attrInt("keepdims", 1)});
+    const std::string e = g.op("Exp", {g.op("Sub", {logits, largest})});
     const std::string single = g.op("Equal", {g.op("Slice", {g.op("Shape", {logits}), g.constI64({1}, {1}),
                                                              g.constI64({2}, {1})}),
                                               g.constI64({1}, {1})});
-    const std::string masks =
-        g.op("Where", {single, g.op("Sigmoid", {logits}), g.op("Softmax", {logits}, {attrInt("axis", 1)})});
+    // e^-m stays finite (m at least -80), so that many channels multiply it by 0, never NaN.
+    const std::string zero = g.op("Mul", {g.op("Cast", {single}, {attrInt("to", onnx::TensorProto::FLOAT)}),
+                                          g.op("Exp", {g.op("Neg", {g.op("Max", {largest, g.scalarF32(-80.0f)})})})});
+    const std::string sum = g.op("ReduceSum", {e, g.constI64({1}, {1})}, {attrInt("keepdims", 1)});
+    const std::string masks = g.op("Div", {e, g.op("Add", {sum, zero})});
     g.output(g.cast(masks, ML::F32, dataType), "masks", dataType, dims);
     return g.build();
 }

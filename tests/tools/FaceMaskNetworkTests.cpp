@@ -80,24 +80,31 @@ TEST(MaskBlur, ReachIsWithinThePadding) {
                 ASSERT_NEAR(pixel(part, c, y, x), pixel(whole, c, y, x0 + x), 2e-3f);
 }
 
-TEST(LogitsToMasks, SoftmaxOverClassesInBothTypes) {
-    constexpr int64_t t = 512, classes = 3;
-    std::vector<float> logits(static_cast<size_t>(classes * t * t));
-    for (size_t i = 0; i < logits.size(); ++i) logits[i] = std::sin(0.37f * static_cast<float>(i % 977)) * 4.0f;
-    for (int64_t p = 0; p < t; ++p) logits[static_cast<size_t>(p)] = 10.0f;  // a row of certain background
-    for (ML::u32 type : {ML::F16, ML::F32}) {
-        const std::string file = type == ML::F16 ? "imgcvt/logits_to_masks_aa_F16" : "imgcvt/logits_to_masks_aa_F32";
-        const Tensor in = makeTensor(type, {1, classes, t, t}, logits), out = packageNetwork(file).run1({in});
-        for (int64_t p = 0; p < t * t; p += 37) {
-            double sum = 0;
-            for (int64_t c = 0; c < classes; ++c) sum += std::exp(in.values[static_cast<size_t>(c * t * t + p)]);
-            for (int64_t c = 0; c < classes; ++c) {
-                const size_t i = static_cast<size_t>(c * t * t + p);
-                ASSERT_NEAR(out.values[i], std::exp(in.values[i]) / sum, 1e-3) << file << " pixel " << p;
+// A softmax over the classes; one channel alone (interactive segmentation) is its logit's sigmoid,
+// also far out where a softmax written naively overflows.
+TEST(LogitsToMasks, SoftmaxOverClassesOrSigmoidOfOne) {
+    constexpr int64_t t = 512;
+    for (int64_t classes : {3, 1})
+        for (ML::u32 type : {ML::F16, ML::F32}) {
+            std::vector<float> logits(static_cast<size_t>(classes * t * t));
+            for (size_t i = 0; i < logits.size(); ++i) logits[i] = std::sin(0.37f * static_cast<float>(i % 977)) * 4.0f;
+            for (int64_t p = 0; p < t; ++p) logits[static_cast<size_t>(p)] = 10.0f;  // a row of certain background
+            const float extremes[] = {-10.0f, 30.0f, -30.0f, 200.0f, -200.0f, -20000.0f};
+            for (size_t k = 0; k < std::size(extremes); ++k) logits[static_cast<size_t>(t + 37 * k)] = extremes[k];
+            for (int64_t c = 0; c < classes; ++c) logits[static_cast<size_t>(c * t * t + t + 37 * 6)] = -200.0f;  // all far out
+            const std::string file = type == ML::F16 ? "imgcvt/logits_to_masks_aa_F16" : "imgcvt/logits_to_masks_aa_F32";
+            const Tensor in = makeTensor(type, {1, classes, t, t}, logits), out = packageNetwork(file).run1({in});
+            for (int64_t p = 0; p < t * t; p += 37) {
+                double sum = classes == 1 ? 1.0 : 0.0;  // one channel: against an implicit zero
+                for (int64_t c = 0; c < classes; ++c) sum += std::exp(double(in.values[static_cast<size_t>(c * t * t + p)]));
+                for (int64_t c = 0; c < classes; ++c) {
+                    const size_t i = static_cast<size_t>(c * t * t + p);
+                    const double want = std::isinf(sum) ? (in.values[i] > 0 ? 1.0 : 0.0) : std::exp(double(in.values[i])) / sum;
+                    ASSERT_NEAR(out.values[i], want, 1e-3) << file << ", " << classes << " classes, pixel " << p;
+                }
             }
+            EXPECT_GT(out.values[0], 0.99f);
         }
-        EXPECT_GT(out.values[0], 0.99f);
-    }
 }
 
 // A skin-toned oval on a green background: skin in the middle of the crop, none on the green
