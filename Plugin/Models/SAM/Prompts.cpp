@@ -9,50 +9,39 @@ namespace ML::SAM {
 
 namespace {
 
-// Image pixels to execution pixels. In half precision the coordinate is rounded to half first,
-// mapped in float, and rounded to half again, as a half-precision prompt path does.
-float mapX(const RenderState& rs, const TempState& ts, float x) {
-    return (x - static_cast<float>(rs.rect.x0)) / static_cast<float>(rs.rect.width()) * static_cast<float>(ts.w);
+float mapX(const PromptMapping& m, float x) {
+    return (x - static_cast<float>(m.rect.x0)) / static_cast<float>(m.rect.width()) * static_cast<float>(m.execW);
 }
-float mapY(const RenderState& rs, const TempState& ts, float y) {
-    return (y - static_cast<float>(rs.rect.y0)) / static_cast<float>(rs.rect.height()) * static_cast<float>(ts.h);
+float mapY(const PromptMapping& m, float y) {
+    return (y - static_cast<float>(m.rect.y0)) / static_cast<float>(m.rect.height()) * static_cast<float>(m.execH);
 }
 
 template <class T>
-void append(const RenderState& rs, const TempState& ts, PromptArrays<T>& a, float x, float y, float label) {
+void append(const PromptMapping& m, PromptArrays<T>& a, float x, float y, float label) {
     const size_t i = static_cast<size_t>(a.used++);
     if constexpr (std::is_same_v<T, Imath::half>) {
         const float hx = static_cast<float>(Imath::half(x)), hy = static_cast<float>(Imath::half(y));
-        a.coords[2 * i] = Imath::half(mapX(rs, ts, hx));
-        a.coords[2 * i + 1] = Imath::half(mapY(rs, ts, hy));
+        a.coords[2 * i] = Imath::half(mapX(m, hx));
+        a.coords[2 * i + 1] = Imath::half(mapY(m, hy));
     } else {
-        a.coords[2 * i] = mapX(rs, ts, x);
-        a.coords[2 * i + 1] = mapY(rs, ts, y);
+        a.coords[2 * i] = mapX(m, x);
+        a.coords[2 * i + 1] = mapY(m, y);
     }
     a.labels[i] = T(label);
     a.valid[i] = T(1.0f);
 }
 
 template <class T>
-void setBox(const RenderState& rs, const TempState& ts, PromptArrays<T>& arrays, const float* box) {
-    append(rs, ts, arrays, box[0], box[1], 2.0f);
-    append(rs, ts, arrays, box[2], box[3], 3.0f);
+void appendBox(const PromptMapping& m, PromptArrays<T>& arrays, const float* box) {
+    append(m, arrays, box[0], box[1], 2.0f);
+    append(m, arrays, box[2], box[3], 3.0f);
 }
 
+PromptMapping mappingOf(const RenderState& rs, const TempState& ts) { return {rs.rect, ts.h, ts.w, ts.n}; }
+Prompt promptOf(const RenderState& rs) { return {rs.positivePoints, rs.negativePoints, rs.boxes}; }
+
 template <class T>
-void setPoints(const RenderState& rs, TempState& ts) {
-    if (promptEntries(rs) > rs.singleMaxPoints)
-        ML_THROW("max number of total query points (positive+negative+bbox corners) is " +
-                 std::to_string(rs.singleMaxPoints) +
-                 " . (this could be modified if we need, but testing so far suggests diminishing returns in result "
-                 "quality past this point)");
-    if (rs.boxes.size() > 4) logWarning("It is recommended to only use a single bounding box!");
-    PromptArrays<T> arrays(ts.n);
-    for (size_t b = 0; b + 3 < rs.boxes.size(); b += 4) setBox(rs, ts, arrays, &rs.boxes[b]);
-    for (size_t p = 0; p + 1 < rs.positivePoints.size(); p += 2)
-        append(rs, ts, arrays, rs.positivePoints[p], rs.positivePoints[p + 1], 1.0f);
-    for (size_t p = 0; p + 1 < rs.negativePoints.size(); p += 2)
-        append(rs, ts, arrays, rs.negativePoints[p], rs.negativePoints[p + 1], 0.0f);
+void upload(const PromptArrays<T>& arrays, TempState& ts) {
     ts.prompts.coords->upload(arrays.coords.data());
     ts.prompts.labels->upload(arrays.labels.data());
     ts.prompts.valid->upload(arrays.valid.data());
@@ -60,20 +49,50 @@ void setPoints(const RenderState& rs, TempState& ts) {
 
 }  // namespace
 
-i32 promptEntries(const RenderState& rs) {
-    return static_cast<i32>(rs.positivePoints.size() / 2 + rs.negativePoints.size() / 2 + 2 * (rs.boxes.size() / 4));
+i32 Prompt::entries() const {
+    return static_cast<i32>(positive.size() / 2 + negative.size() / 2 + 2 * (boxes.size() / 4));
 }
 
-void setBoxPrompt_F32(const RenderState& rs, const TempState& ts, PromptArrays<float>& arrays, const float* box) {
-    setBox(rs, ts, arrays, box);
+template <class T>
+PromptArrays<T> pointPromptArrays(const Prompt& prompt, const PromptMapping& m) {
+    if (prompt.entries() > m.entries)
+        ML_THROW("max number of total query points (positive+negative+bbox corners) is " + std::to_string(m.entries) +
+                 " . (this could be modified if we need, but testing so far suggests diminishing returns in result "
+                 "quality past this point)");
+    if (prompt.boxes.size() > 4) logWarning("It is recommended to only use a single bounding box!");
+    PromptArrays<T> arrays(m.entries);
+    for (size_t b = 0; b + 3 < prompt.boxes.size(); b += 4) appendBox(m, arrays, &prompt.boxes[b]);
+    for (size_t p = 0; p + 1 < prompt.positive.size(); p += 2)
+        append(m, arrays, prompt.positive[p], prompt.positive[p + 1], 1.0f);
+    for (size_t p = 0; p + 1 < prompt.negative.size(); p += 2)
+        append(m, arrays, prompt.negative[p], prompt.negative[p + 1], 0.0f);
+    return arrays;
 }
 
-void setBoxPrompt_F16(const RenderState& rs, const TempState& ts, PromptArrays<Imath::half>& arrays, const float* box) {
-    setBox(rs, ts, arrays, box);
+template <class T>
+PromptArrays<T> boxPromptArrays(const PromptMapping& m, const float* box) {
+    PromptArrays<T> arrays(m.entries);
+    appendBox(m, arrays, box);
+    return arrays;
 }
 
-void setPointPrompts_F32(const RenderState& rs, TempState& ts) { setPoints<float>(rs, ts); }
-void setPointPrompts_F16(const RenderState& rs, TempState& ts) { setPoints<Imath::half>(rs, ts); }
+template PromptArrays<float> pointPromptArrays<float>(const Prompt&, const PromptMapping&);
+template PromptArrays<Imath::half> pointPromptArrays<Imath::half>(const Prompt&, const PromptMapping&);
+template PromptArrays<float> boxPromptArrays<float>(const PromptMapping&, const float*);
+template PromptArrays<Imath::half> boxPromptArrays<Imath::half>(const PromptMapping&, const float*);
+
+void setPointPrompts_F32(const RenderState& rs, TempState& ts) {
+    upload(pointPromptArrays<float>(promptOf(rs), mappingOf(rs, ts)), ts);
+}
+void setPointPrompts_F16(const RenderState& rs, TempState& ts) {
+    upload(pointPromptArrays<Imath::half>(promptOf(rs), mappingOf(rs, ts)), ts);
+}
+void setBoxPrompt_F32(const RenderState& rs, TempState& ts, const float* box) {
+    upload(boxPromptArrays<float>(mappingOf(rs, ts), box), ts);
+}
+void setBoxPrompt_F16(const RenderState& rs, TempState& ts, const float* box) {
+    upload(boxPromptArrays<Imath::half>(mappingOf(rs, ts), box), ts);
+}
 
 void setPointPrompts(const RenderState& rs, TempState& ts) {
     if (ts.dataType == F16)

@@ -22,17 +22,36 @@ struct PromptArrays {
     i32 used = 0;
 };
 
-// Entries a prompt takes: points plus two per box.
-i32 promptEntries(const RenderState& rs);
+// What a prompt is mapped by: the region of interest in image pixels, onto the execution shape.
+struct PromptMapping {
+    Rect rect;
+    i32 execH = 0, execW = 0;
+    i32 entries = 0;  // length of the prompt tensors, "singleMaxPoints"
+};
 
-// Appends one box (x0, y0, x1, y1 in image pixels) as its two corner entries.
-void setBoxPrompt_F32(const RenderState& rs, const TempState& ts, PromptArrays<float>& arrays, const float* box);
-void setBoxPrompt_F16(const RenderState& rs, const TempState& ts, PromptArrays<Imath::half>& arrays, const float* box);
+// Points and boxes in image pixels: x, y pairs and x0, y0, x1, y1 quadruples.
+struct Prompt {
+    const std::vector<float>& positive;
+    const std::vector<float>& negative;
+    const std::vector<float>& boxes;
+    i32 entries() const;  // points plus two per box
+};
 
-// Fills and uploads the single decoder's prompt tensors. Fails when the prompt takes more than
-// "singleMaxPoints" entries; warns about more than one box.
+// The arrays of a prompt's points and boxes. Fails when they take more than m.entries; warns
+// about more than one box. T is float or Imath::half: in half precision a coordinate is rounded
+// to half, mapped in float, and rounded to half again.
+template <class T>
+PromptArrays<T> pointPromptArrays(const Prompt& prompt, const PromptMapping& m);
+// The arrays of one box (x0, y0, x1, y1 in image pixels) alone: its two corner entries.
+template <class T>
+PromptArrays<T> boxPromptArrays(const PromptMapping& m, const float* box);
+
+// Fill and upload the single decoder's prompt tensors: from the render's points and boxes, or
+// from one box alone.
 void setPointPrompts_F32(const RenderState& rs, TempState& ts);
 void setPointPrompts_F16(const RenderState& rs, TempState& ts);
+void setBoxPrompt_F32(const RenderState& rs, TempState& ts, const float* box);
+void setBoxPrompt_F16(const RenderState& rs, TempState& ts, const float* box);
 // The variant of the state's element type.
 void setPointPrompts(const RenderState& rs, TempState& ts);
 
