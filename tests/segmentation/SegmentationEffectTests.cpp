@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Host/CallSettings.h"
@@ -223,6 +224,36 @@ TEST(SegmentationEffect, EncoderRunsOncePerFrameAndDecoderPerPrompt) {
     EXPECT_EQ(host().cache().find(ML::SAM::encodingKey(5))->getSize(), 100u);
     for (int y = 0; y < kH; y += 7)
         for (int x = 0; x < kW; x += 7) EXPECT_EQ(valueAt(*beside.mask, x, y), valueAt(*second.mask, x, y));
+}
+
+// Two host threads, each its own frames and prompts, from an emptied cache: the masks of a render
+// one at a time.
+TEST(SegmentationEffect, TwoHostThreadsGiveTheSameMasks) {
+    const Prompt prompts[2] = {{{900, {190, 60}}}, {{900, {60, 60}}, {901, {125, 64}}}};
+    const auto renderAll = [&](int thread, std::vector<ImagePtr>& masks) {
+        for (ML::u32 f = 0; f < 3; ++f) {
+            Render r;
+            r.frame = 200 + 10 * static_cast<ML::u32>(thread) + f;
+            r.prompt = prompts[(thread + static_cast<int>(f)) % 2];
+            const Result result = render(r);
+            masks.push_back(result.status == ML::STATUS_OK ? result.mask : nullptr);
+        }
+    };
+    std::vector<ImagePtr> reference[2], masks[2];
+    host().cache().clear();
+    for (int t : {0, 1}) renderAll(t, reference[t]);
+    host().cache().clear();
+    std::thread second([&] { renderAll(1, masks[1]); });
+    renderAll(0, masks[0]);
+    second.join();
+    for (int t : {0, 1})
+        for (size_t i = 0; i < masks[t].size(); ++i) {
+            ASSERT_TRUE(masks[t][i] && reference[t][i]) << "thread " << t << ", render " << i;
+            for (int y = 0; y < kH; y += 5)
+                for (int x = 0; x < kW; x += 5)
+                    ASSERT_EQ(valueAt(*masks[t][i], x, y), valueAt(*reference[t][i], x, y))
+                        << "thread " << t << ", render " << i << " at " << x << ", " << y;
+        }
 }
 
 TEST(SegmentationEffect, ColourisedViewTintsTheMaskAndMarksThePrompt) {
