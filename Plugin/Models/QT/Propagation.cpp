@@ -22,6 +22,19 @@ void storeEntry(QT_ShapeTensors& ts, const MemoryEntry& e) {
     download(*ts.maskValue, e.value);
 }
 
+// Runs "me" on object i's mask and the other objects' masks (planes of the host mask buffers) with
+// its sensory state: its mask value into maskValue, the new sensory state into sensoryOut.
+ObjectState& encodeMaskValue(QT_HostState& state, QT_ShapeTensors& ts, const Submodels& submodels, i32 i) {
+    const u64 plane = ts.planeBytes();
+    ObjectState& obj = state.objects[static_cast<size_t>(i)];
+    upload(*ts.oneMask, ts.hostMasks.data() + static_cast<u64>(i) * plane);
+    upload(*ts.oneOthers, ts.hostOthers.data() + static_cast<u64>(i) * plane);
+    upload(*ts.sensoryIn, obj.sensory);
+    net(submodels, "me").run({ts.image, ts.feat16, ts.sensoryIn, ts.oneMask, ts.oneOthers},
+                             {ts.maskValue, ts.sensoryOut});
+    return obj;
+}
+
 }  // namespace
 
 void clearLogits(u8* data, u64 count, i32 dataType) {
@@ -63,12 +76,7 @@ void encodeKeyframes(ModelCommon& common, QT_HostState& state, QT_ShapeTensors& 
         download(*ts.allOthers, ts.hostOthers.data());
         for (i32 i = 0; i < hd.o; ++i) {
             if (!present[static_cast<size_t>(i)]) continue;
-            ObjectState& obj = state.objects[static_cast<size_t>(i)];
-            upload(*ts.oneMask, ts.hostMasks.data() + static_cast<u64>(i) * plane);
-            upload(*ts.oneOthers, ts.hostOthers.data() + static_cast<u64>(i) * plane);
-            upload(*ts.sensoryIn, obj.sensory);
-            net(submodels, "me").run({ts.image, ts.feat16, ts.sensoryIn, ts.oneMask, ts.oneOthers},
-                                     {ts.maskValue, ts.sensoryOut});
+            ObjectState& obj = encodeMaskValue(state, ts, submodels, i);
             net(submodels, "mo").run({ts.oneMask, ts.maskValue, ts.posEnc}, {ts.summaryOut});
             storeEntry(ts, addMemoryEntry(obj, kSlotPermanent, kf.frame, 0));
             download(*ts.summaryOut, obj.summary);
@@ -95,14 +103,8 @@ void addWorkingMemory(ModelCommon& common, QT_HostState& state, QT_ShapeTensors&
     net(submodels, "get_mask_others").run({ts.allMasks}, {ts.allOthers});
     download(*ts.allMasks, ts.hostMasks.data());
     download(*ts.allOthers, ts.hostOthers.data());
-    const u64 plane = ts.planeBytes();
     for (i32 i = 0; i < hd.o; ++i) {
-        ObjectState& obj = state.objects[static_cast<size_t>(i)];
-        upload(*ts.oneMask, ts.hostMasks.data() + static_cast<u64>(i) * plane);
-        upload(*ts.oneOthers, ts.hostOthers.data() + static_cast<u64>(i) * plane);
-        upload(*ts.sensoryIn, obj.sensory);
-        net(submodels, "me").run({ts.image, ts.feat16, ts.sensoryIn, ts.oneMask, ts.oneOthers},
-                                 {ts.maskValue, ts.sensoryOut});
+        ObjectState& obj = encodeMaskValue(state, ts, submodels, i);
         download(*ts.sensoryOut, obj.sensory);
         storeEntry(ts, addMemoryEntry(obj, kSlotWorking, 0, state.getFramesProcessed()));
     }
