@@ -38,6 +38,12 @@ Ptr<Buffer> computeCachedAnySize(Host* host, u64 call, const std::string& key, u
     return buffer;
 }
 
+// The key for a buffer of `size` bytes when the host holds one of another size under `key` (left
+// by another model, or before the data's size changed): the host cannot resize a buffer.
+inline std::string sizedCacheKey(const std::string& key, u64 size) {
+    return key + "_bytes:" + std::to_string(size);
+}
+
 // As computeCachedAnySize, but a buffer of another size under the key (left by another model,
 // say) is refused.
 template <class Fill>

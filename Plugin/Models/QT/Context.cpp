@@ -187,7 +187,7 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
         if (oldState && oldState->getSize() != size) {
             // The keyframes' masks changed since that state was made, and with them its size: the
             // host cannot resize a buffer, so the sequence goes on under a key that names the size.
-            stateKey += "_bytes:" + std::to_string(size);
+            stateKey = sizedCacheKey(stateKey, size);
             oldState = findCached(host, call, stateKey);
         }
         if (oldState) {
@@ -249,7 +249,7 @@ void QT_Context::render(Host* host, u64 call, bool prepareOnly, const ModelInfo&
     if (!plan.computeNothing && state->getSize() != size) {
         // A state of another size came under the key after its look-up: as there, the sequence
         // goes on under the key naming the size, from the start (nothing tells how far that got).
-        stateKey = QT::stateKey(sequence, forward) + "_bytes:" + std::to_string(size);
+        stateKey = sizedCacheKey(QT::stateKey(sequence, forward), size);
         state = computeCached(host, call, stateKey, size, fill);
         resized = true;
     }

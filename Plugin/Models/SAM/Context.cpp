@@ -133,7 +133,7 @@ void Context::loadEmbedding(RenderState& rs, TempState& ts) {
     // (another architecture, shape or type), and this model's goes under a key naming its size.
     Ptr<Buffer> encoded = computeCachedAnySize(rs.host, rs.call, encodingKey(rs.frame), size, encode);
     if (encoded->getSize() != size)
-        encoded = computeCached(rs.host, rs.call, encodingKey(rs.frame) + "_bytes:" + std::to_string(size), size, encode);
+        encoded = computeCached(rs.host, rs.call, sizedCacheKey(encodingKey(rs.frame), size), size, encode);
     const u8* at = static_cast<const u8*>(encoded->getData());
     for (const auto& t : ts.embeddingTensors()) {
         t->upload(at);
