@@ -203,6 +203,20 @@ std::string GraphBuilder::clip(const std::string& x, float lo, float hi) {
     return op("Clip", {x, scalarF32(lo), scalarF32(hi)});
 }
 
+std::string GraphBuilder::sliceAxis(const std::string& x, int64_t axis, int64_t from, int64_t to) {
+    return op("Slice", {x, constI64({from}, {1}), constI64({to}, {1}), constI64({axis}, {1})});
+}
+
+std::string GraphBuilder::padChannels(const std::string& x, int64_t have, int64_t total, int64_t axis) {
+    std::vector<int64_t> pads(8, 0);
+    pads[static_cast<size_t>(4 + axis)] = total - have;
+    return op("Pad", {x, constI64(pads, {8})});
+}
+
+std::string GraphBuilder::averagePool(const std::string& x, int64_t k) {
+    return op("AveragePool", {x}, {attrInts("kernel_shape", {k, k}), attrInts("strides", {k, k})});
+}
+
 std::string GraphBuilder::toU8(const std::string& x32) {
     const std::string finite = op("Where", {op("IsNaN", {x32}), scalarF32(0.0f), x32});
     return cast(clip(op("Round", {finite}), 0.0f, 255.0f), ML::F32, ML::U8);

@@ -79,6 +79,20 @@ public:
     // F32 values in 0..255 units to U8: NaN becomes 0, then rounding half to even, then clamping
     // to 0..255.
     std::string toU8(const std::string& x32);
+    // An F16 input (or output) of a network that computes in F32: the input cast up, the value cast
+    // down.
+    std::string inputF16(const std::string& name, const Dims& dims) {
+        return cast(input(name, ML::F16, dims), ML::F16, ML::F32);
+    }
+    void outputF16(const std::string& value, const std::string& name, const Dims& dims) {
+        output(cast(value, ML::F32, ML::F16), name, ML::F16, dims);
+    }
+    // Elements [from, to) of one axis.
+    std::string sliceAxis(const std::string& x, int64_t axis, int64_t from, int64_t to);
+    // A 4D tensor with zero channels appended along axis up to total.
+    std::string padChannels(const std::string& x, int64_t have, int64_t total, int64_t axis = 1);
+    // The mean of each k x k block of a 4D N,C,H,W tensor.
+    std::string averagePool(const std::string& x, int64_t k);
     // Transposes a 4D tensor between the N,H,W,C and N,C,H,W orders.
     std::string transposeLayout(const std::string& x, ML::u32 fromLayout, ML::u32 toLayout);
 

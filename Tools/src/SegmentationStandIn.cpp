@@ -18,16 +18,6 @@ Dims shape(std::initializer_list<int64_t> extents) {
     return d;
 }
 
-std::string in16(GraphBuilder& g, const std::string& name, const Dims& dims) {
-    return g.cast(g.input(name, ML::F16, dims), ML::F16, ML::F32);
-}
-void out16(GraphBuilder& g, const std::string& value, const std::string& name, const Dims& dims) {
-    g.output(g.cast(value, ML::F32, ML::F16), name, ML::F16, dims);
-}
-
-std::string pool(GraphBuilder& g, const std::string& x, int64_t k) {
-    return g.op("AveragePool", {x}, {attrInts("kernel_shape", {k, k}), attrInts("strides", {k, k})});
-}
 // Mean over k x k neighbours (k odd) at the same size, edges averaging what they have.
 std::string smooth(GraphBuilder& g, const std::string& x, int64_t k) {
     const int64_t r = k / 2;
@@ -39,14 +29,6 @@ std::string maxPool(GraphBuilder& g, const std::string& x, int64_t k, int64_t st
     return g.op(
         "MaxPool", {x},
         {attrInts("kernel_shape", {k, k}), attrInts("strides", {stride, stride}), attrInts("pads", {r, r, r, r})});
-}
-std::string padChannels(GraphBuilder& g, const std::string& x, int64_t have, int64_t total) {
-    std::vector<int64_t> pads(8, 0);
-    pads[5] = total - have;
-    return g.op("Pad", {x, g.constI64(pads, {8})});
-}
-std::string slice(GraphBuilder& g, const std::string& x, int64_t axis, int64_t from, int64_t to) {
-    return g.op("Slice", {x, g.constI64({from}, {1}), g.constI64({to}, {1}), g.constI64({axis}, {1})});
 }
 std::string toFloat(GraphBuilder& g, const std::string& x) {
     return g.op("Cast", {x}, {attrInt("to", onnx::TensorProto::FLOAT)});
@@ -100,21 +82,21 @@ std::string reduce(GraphBuilder& g, const std::string& type, const std::string& 
 onnx::ModelProto buildSegmentationEncoder(int64_t h, int64_t w) {
     GraphBuilder g(std::string(kSegmentationStandInId) + "_enc");
     const int64_t h4 = h / 4, w4 = w / 4;
-    const std::string image = in16(g, "image", shape({1, 3, h, w}));
-    const std::string colour = lab(g, pool(g, image, 4));
+    const std::string image = g.inputF16("image", shape({1, 3, h, w}));
+    const std::string colour = lab(g, g.averagePool(image, 4));
     const std::string smoothed = g.mulScalar(smooth(g, colour, 5), kSegmentSmoothWeight);
     const std::string luma =
         g.op("Conv", {g.clip(image, 0.0f, 1.0f), g.constF32({0.2126f, 0.7152f, 0.0722f}, {1, 3, 1, 1})});
-    const std::string mean = pool(g, luma, 4);
+    const std::string mean = g.averagePool(luma, 4);
     const std::string spread =
-        g.op("Sqrt", {g.addScalar(g.op("Relu", {sub(g, pool(g, mul(g, luma, luma), 4), mul(g, mean, mean))}), 1e-8f)});
+        g.op("Sqrt", {g.addScalar(g.op("Relu", {sub(g, g.averagePool(mul(g, luma, luma), 4), mul(g, mean, mean))}), 1e-8f)});
     const std::string texture = g.mulScalar(smooth(g, spread, 3), kSegmentTextureWeight);
     const auto [px, py] = cellPositions(g, h4, w4, kSegmentPositionWeight / static_cast<float>(w4),
                                         kSegmentPositionWeight / static_cast<float>(h4), 0.5f);
     const std::string features = g.op("Concat", {colour, smoothed, texture, px, py}, {attrInt("axis", 1)});
-    out16(g, padChannels(g, features, kFeatures, 32), "feat4", shape({1, 32, h4, w4}));
-    out16(g, padChannels(g, pool(g, features, 2), kFeatures, 64), "feat8", shape({1, 64, h / 8, w / 8}));
-    out16(g, padChannels(g, pool(g, features, 4), kFeatures, 256), "feat16", shape({1, 256, h / 16, w / 16}));
+    g.outputF16(g.padChannels(features, kFeatures, 32), "feat4", shape({1, 32, h4, w4}));
+    g.outputF16(g.padChannels(g.averagePool(features, 2), kFeatures, 64), "feat8", shape({1, 64, h / 8, w / 8}));
+    g.outputF16(g.padChannels(g.averagePool(features, 4), kFeatures, 256), "feat16", shape({1, 256, h / 16, w / 16}));
     return g.build();
 }
 
@@ -122,11 +104,11 @@ onnx::ModelProto buildSegmentationDecoder(int64_t h, int64_t w, int64_t n, int64
     GraphBuilder g(std::string(kSegmentationStandInId) + (batch == 1 ? "_dec_single" : "_dec_batch"));
     const int64_t h4 = h / 4, w4 = w / 4, h16 = h / 16, w16 = w / 16, cells = h4 * w4, m = n + 1;
     g.input("feat16", ML::F16, shape({1, 256, h16, w16}));
-    const std::string feat4 = in16(g, "feat4", shape({1, 32, h4, w4}));
+    const std::string feat4 = g.inputF16("feat4", shape({1, 32, h4, w4}));
     g.input("feat8", ML::F16, shape({1, 64, h / 8, w / 8}));
-    const std::string coords = in16(g, "promptCoords", shape({batch, n, 2}));
-    const std::string labels = in16(g, "promptLabels", shape({batch, n}));
-    const std::string valid = in16(g, "promptValid", shape({batch, n}));
+    const std::string coords = g.inputF16("promptCoords", shape({batch, n, 2}));
+    const std::string labels = g.inputF16("promptLabels", shape({batch, n}));
+    const std::string valid = g.inputF16("promptValid", shape({batch, n}));
     g.input("maskInput", ML::F16, shape({1, 1, h4, w4}));
     g.input("hasMaskInput", ML::F16, shape({1, 1}));
 
@@ -159,7 +141,7 @@ onnx::ModelProto buildSegmentationDecoder(int64_t h, int64_t w, int64_t n, int64
 
     // Features at the prompts' cells, and squared distances of every cell to each: B x m x cells.
     const std::string features =
-        g.op("Reshape", {slice(g, feat4, 1, 0, kFeatures), g.constI64({kFeatures, cells}, {2})});
+        g.op("Reshape", {g.sliceAxis(feat4, 1, 0, kFeatures), g.constI64({kFeatures, cells}, {2})});
     const std::string column = g.clip(g.op("Floor", {g.divScalar(xs, 4.0f)}), 0.0f, static_cast<float>(w4 - 1));
     const std::string row = g.clip(g.op("Floor", {g.divScalar(ys, 4.0f)}), 0.0f, static_cast<float>(h4 - 1));
     const std::string cell = add(g, g.mulScalar(row, static_cast<float>(w4)), column);
@@ -204,7 +186,7 @@ onnx::ModelProto buildSegmentationDecoder(int64_t h, int64_t w, int64_t n, int64
     const std::string grid = g.constI64({batch, 1, h4, w4}, {4});
     const std::string score4 = g.op("Reshape", {score, grid});
     const std::string passable = toFloat(
-        g, g.op("Greater", {pool(g, toFloat(g, g.op("Greater", {score4, g.scalarF32(0.0f)})), 4), g.scalarF32(0.2f)}));
+        g, g.op("Greater", {g.averagePool(toFloat(g, g.op("Greater", {score4, g.scalarF32(0.0f)})), 4), g.scalarF32(0.2f)}));
     const std::string seed16 = maxPool(g, g.op("Reshape", {seeds, grid}), 4, 4);
     std::string reached = seed16;
     for (int64_t i = 0; i < h16 + w16; ++i)
@@ -215,7 +197,7 @@ onnx::ModelProto buildSegmentationDecoder(int64_t h, int64_t w, int64_t n, int64
     const std::string kept = add(g, mul(g, reach, score4), mul(g, oneMinus(g, reach), cut));
     const std::string logits =
         g.clip(g.mulScalar(smooth(g, kept, 3), kSegmentLogitScale / kSegmentReach), -16.0f, 16.0f);
-    out16(g, logits, "lowResLogits", shape({batch, 1, h4, w4}));
+    g.outputF16(logits, "lowResLogits", shape({batch, 1, h4, w4}));
     return g.build();
 }
 
@@ -223,12 +205,12 @@ onnx::ModelProto buildMaskColorizer() {
     GraphBuilder g("mask_colorizer");
     const Dims rgb{Dim::fixed(1), Dim::fixed(3), Dim::named("H"), Dim::named("W")};
     const Dims plane{Dim::fixed(1), Dim::fixed(1), Dim::named("H"), Dim::named("W")};
-    const std::string color = in16(g, "color", rgb);
-    const std::string mask = g.clip(in16(g, "mask", plane), 0.0f, 1.0f);
+    const std::string color = g.inputF16("color", rgb);
+    const std::string mask = g.clip(g.inputF16("mask", plane), 0.0f, 1.0f);
     const std::string tint = g.constF32({0.15f, 0.45f, 1.0f}, {1, 3, 1, 1});
     const std::string out =
         add(g, mul(g, color, g.addScalar(g.mulScalar(mask, -0.5f), 1.0f)), g.mulScalar(mul(g, mask, tint), 0.5f));
-    out16(g, g.clip(out, 0.0f, 1.0f), "output", rgb);
+    g.outputF16(g.clip(out, 0.0f, 1.0f), "output", rgb);
     return g.build();
 }
 
